@@ -1,0 +1,89 @@
+// cImaging: the inner object behind Imaging. It holds the per-object state and
+// implements every operation (declared from the same lists as Imaging's).
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kestrelyn/KestrelynStatus.h"
+#include "kestrelyn/Types.h"
+#include "platform/modGdiPlus.h"
+
+namespace kestrelyn {
+
+// A tag snapshot entry: one property item of an image.
+struct cGDIPPropertyItem {
+    PROPID nID = 0;
+    std::uint16_t nType = 0;
+    std::vector<std::uint8_t> arValue;
+};
+
+class cImaging {
+public:
+    cImaging();
+    ~cImaging();
+    cImaging(const cImaging&) = delete;
+    cImaging& operator=(const cImaging&) = delete;
+
+#define KY_DEFAULT(value)
+#define KY_OP(ret, name, params, args) ret name params;
+#include "kestrelyn/ops/all.inc"
+#undef KY_OP
+#undef KY_DEFAULT
+
+    // --- shared inner operations used by every family ---
+    // Snapshot of an image's size, resolutions, format and (with bPreserveTags)
+    // tags. 0 means the native image.
+    void CaptureImageFacts(std::int32_t nImageID);
+    // Writes the snapshot's resolutions and tags to a new image.
+    void RestoreImageFacts(std::int32_t nNewImageID, bool bSkipProfile);
+    // GdipBitmapLockBits on a registry image (mode 6 marks the image modified).
+    KestrelynStatus LockBits(std::int32_t nImageID, const GpRect& rect, std::uint32_t nMode,
+                             PixelFormat& nFormat, BitmapData& data);
+    KestrelynStatus UnlockBits(std::int32_t nImageID, BitmapData& data);
+    // A graphics context on a registry image (marks it modified); nullptr on failure.
+    GpGraphics* GetGraphics(std::int32_t nImageID);
+    // Makes nNewImageID the content of the native image (keeps its id).
+    void CommitNativeImage(std::int32_t nNewImageID);
+
+    // --- state, in the order the object holds it ---
+    std::vector<cGDIPPropertyItem> arPropertyItems;
+    bool bTiffReadOnly = false;
+    bool bGifReadOnly = false;
+    std::int32_t nNativeImage = 0;
+    std::int32_t nNativeMultiPage = 0;
+    std::int32_t nPdfCompressionLevel = 9;
+    std::int32_t nPdfJpegQuality = 75;
+    std::int32_t nLastWidth = 0;
+    std::int32_t nLastHeight = 0;
+    float nLastVerticalResolution = 0;
+    float nLastHorizontalResolution = 0;
+    std::int32_t nLastPixelFormat = 0;
+    std::int32_t nHttpBufferSize = 4096;
+    bool bFtpPassive = true;
+    bool bDisableKyimgplugCodecs = false;
+    bool bPreserveTags = true;
+    std::int32_t nPropertyItemCount = 0;
+    KestrelynStatus nStatus = OK;
+    std::int32_t nFontUnit = UnitPoint;
+    std::int32_t ROIMode = 1;
+    std::int32_t ROILeft = 0;
+    std::int32_t ROITop = 0;
+    std::int32_t ROIWidth = 0;
+    std::int32_t ROIHeight = 0;
+};
+
+// Per-thread engine state shared by every object of the thread.
+struct EngineState {
+    std::int32_t nEngineUsers = 0;
+    bool bEngineStarted = false;
+    std::uintptr_t nEngineToken = 0;
+    std::string sGdiplusVersion;
+    std::string sKyimgplugVersion;
+};
+EngineState& ThreadEngineState();
+bool StartEngine();
+void StopEngine();
+
+} // namespace kestrelyn

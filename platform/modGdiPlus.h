@@ -1,0 +1,205 @@
+// The raster engine's flat calls, by their engine names. The system's own
+// logic reaches bitmaps, locks, palettes, properties, codecs and graphics only
+// through these. Status numbers are the engine's 0..21, identical to
+// KestrelynStatus; handles are opaque.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+#include "kestrelyn/KestrelynStatus.h"
+#include "kestrelyn/Types.h"
+
+namespace kestrelyn {
+
+using GpStatus = KestrelynStatus;
+using PixelFormat = std::int32_t;
+using PROPID = std::uint32_t;
+using UINT = std::uint32_t;
+using INT = std::int32_t;
+
+struct GpImage;              // an engine image (always a bitmap here)
+using GpBitmap = GpImage;
+struct GpGraphics;           // a drawing context on an image
+
+struct GUID {
+    std::uint32_t Data1;
+    std::uint16_t Data2;
+    std::uint16_t Data3;
+    std::uint8_t Data4[8];
+    friend bool operator==(const GUID&, const GUID&) = default;
+};
+
+struct GpRect {
+    INT X, Y, Width, Height;
+};
+
+// A lock's description. For user-buffer locks (flag 4) the caller fills Width,
+// Height, Stride, PixelFormat and Scan0 before the call.
+struct BitmapData {
+    UINT Width = 0;
+    UINT Height = 0;
+    INT Stride = 0;
+    PixelFormat PixelFormat = 0;
+    void* Scan0 = nullptr;
+    std::uintptr_t Reserved = 0;
+};
+
+enum ImageLockMode : UINT {
+    ImageLockModeRead = 1,
+    ImageLockModeWrite = 2,
+    ImageLockModeUserInputBuf = 4,
+};
+
+// Variable-length palette, laid out as the engine lays it out: Count entries
+// follow the header. GdipGetImagePaletteSize gives the byte size of the whole.
+struct ColorPalette {
+    UINT Flags;
+    UINT Count;
+    ARGB Entries[1];
+};
+enum PaletteFlags : UINT { PaletteFlagsHasAlpha = 1, PaletteFlagsGrayScale = 2, PaletteFlagsHalftone = 4 };
+
+// A property item; in a buffer filled by GdipGetPropertyItem the value bytes
+// follow the record and `value` points at them.
+struct PropertyItem {
+    PROPID id;
+    std::uint32_t length;
+    std::uint16_t type;
+    void* value;
+};
+enum PropertyTagTypes : std::uint16_t {
+    PropertyTagTypeByte = 1,
+    PropertyTagTypeASCII = 2,
+    PropertyTagTypeShort = 3,
+    PropertyTagTypeLong = 4,
+    PropertyTagTypeRational = 5,
+    PropertyTagTypeUndefined = 7,
+    PropertyTagTypeSLONG = 9,
+    PropertyTagTypeSRational = 10,
+};
+
+enum ImageFlags : UINT {
+    ImageFlagsNone = 0,
+    ImageFlagsScalable = 0x0001,
+    ImageFlagsHasAlpha = 0x0002,
+    ImageFlagsHasTranslucent = 0x0004,
+    ImageFlagsPartiallyScalable = 0x0008,
+    ImageFlagsColorSpaceRGB = 0x0010,
+    ImageFlagsColorSpaceCMYK = 0x0020,
+    ImageFlagsColorSpaceGRAY = 0x0040,
+    ImageFlagsColorSpaceYCBCR = 0x0080,
+    ImageFlagsColorSpaceYCCK = 0x0100,
+    ImageFlagsHasRealDPI = 0x1000,
+    ImageFlagsHasRealPixelSize = 0x2000,
+    ImageFlagsReadOnly = 0x00010000,
+    ImageFlagsCaching = 0x00020000,
+};
+
+enum RotateFlipType : INT {
+    RotateNoneFlipNone = 0,
+    Rotate90FlipNone = 1,
+    Rotate180FlipNone = 2,
+    Rotate270FlipNone = 3,
+    RotateNoneFlipX = 4,
+    Rotate90FlipX = 5,
+    Rotate180FlipX = 6,
+    Rotate270FlipX = 7,
+    RotateNoneFlipY = Rotate180FlipX,
+};
+
+// Pixel format helpers, as the engine defines the bit fields of the codes.
+constexpr bool IsIndexedPixelFormat(PixelFormat f) { return (f & 0x00010000) != 0; }
+constexpr bool IsAlphaPixelFormat(PixelFormat f) { return (f & 0x00040000) != 0; }
+constexpr bool IsCanonicalPixelFormat(PixelFormat f) { return (f & 0x00200000) != 0; }
+constexpr INT GetPixelFormatSize(PixelFormat f) { return (f >> 8) & 0xff; }
+
+struct GdiplusStartupInput {
+    UINT GdiplusVersion = 1;
+    void* DebugEventCallback = nullptr;
+    bool SuppressBackgroundThread = false;
+    bool SuppressExternalCodecs = false;
+};
+struct GdiplusStartupOutput {
+    void* NotificationHook = nullptr;
+    void* NotificationUnhook = nullptr;
+};
+
+// --- start and stop, memory ---
+GpStatus GdiplusStartup(std::uintptr_t* token, const GdiplusStartupInput* input,
+                        GdiplusStartupOutput* output);
+void GdiplusShutdown(std::uintptr_t token);
+void* GdipAlloc(std::size_t size);
+void GdipFree(void* ptr);
+// The engine's own version text (major.minor.build.revision), major 6.
+const char* GdipGetEngineVersion();
+
+// --- bitmaps ---
+// scan0 null: the engine allocates and zeroes the pixels. Otherwise the bitmap
+// wraps the caller's memory without copying; it must outlive the bitmap.
+GpStatus GdipCreateBitmapFromScan0(INT width, INT height, INT stride, PixelFormat format,
+                                   std::uint8_t* scan0, GpBitmap** bitmap);
+GpStatus GdipDisposeImage(GpImage* image);
+// Copy-on-write clone: shares pixels until either side writes.
+GpStatus GdipCloneImage(GpImage* image, GpImage** cloneImage);
+GpStatus GdipCloneBitmapAreaI(INT x, INT y, INT width, INT height, PixelFormat format,
+                              GpBitmap* srcBitmap, GpBitmap** dstBitmap);
+GpStatus GdipBitmapLockBits(GpBitmap* bitmap, const GpRect* rect, UINT flags, PixelFormat format,
+                            BitmapData* lockedBitmapData);
+GpStatus GdipBitmapUnlockBits(GpBitmap* bitmap, BitmapData* lockedBitmapData);
+GpStatus GdipBitmapGetPixel(GpBitmap* bitmap, INT x, INT y, ARGB* color);
+GpStatus GdipBitmapSetPixel(GpBitmap* bitmap, INT x, INT y, ARGB color);
+GpStatus GdipImageRotateFlip(GpImage* image, RotateFlipType rfType);
+GpStatus GdipImageForceValidation(GpImage* image);
+
+// --- facts ---
+GpStatus GdipGetImageWidth(GpImage* image, UINT* width);
+GpStatus GdipGetImageHeight(GpImage* image, UINT* height);
+GpStatus GdipGetImagePixelFormat(GpImage* image, PixelFormat* format);
+GpStatus GdipGetImageFlags(GpImage* image, UINT* flags);
+GpStatus GdipGetImageHorizontalResolution(GpImage* image, float* resolution);
+GpStatus GdipGetImageVerticalResolution(GpImage* image, float* resolution);
+GpStatus GdipBitmapSetResolution(GpBitmap* bitmap, float xdpi, float ydpi);
+GpStatus GdipGetImageRawFormat(GpImage* image, GUID* format);
+
+// --- palettes ---
+GpStatus GdipGetImagePaletteSize(GpImage* image, INT* size);
+GpStatus GdipGetImagePalette(GpImage* image, ColorPalette* palette, INT size);
+GpStatus GdipSetImagePalette(GpImage* image, const ColorPalette* palette);
+
+// --- property items (kept in insertion order) ---
+GpStatus GdipGetPropertyCount(GpImage* image, UINT* numOfProperty);
+GpStatus GdipGetPropertyIdList(GpImage* image, UINT numOfProperty, PROPID* list);
+GpStatus GdipGetPropertyItemSize(GpImage* image, PROPID propId, UINT* size);
+GpStatus GdipGetPropertyItem(GpImage* image, PROPID propId, UINT propSize, PropertyItem* buffer);
+GpStatus GdipGetPropertySize(GpImage* image, UINT* totalBufferSize, UINT* numProperties);
+GpStatus GdipSetPropertyItem(GpImage* image, const PropertyItem* item);
+GpStatus GdipRemovePropertyItem(GpImage* image, PROPID propId);
+
+// --- frames of a multi-page image ---
+GpStatus GdipImageGetFrameDimensionsCount(GpImage* image, UINT* count);
+GpStatus GdipImageGetFrameDimensionsList(GpImage* image, GUID* dimensionIDs, UINT count);
+GpStatus GdipImageGetFrameCount(GpImage* image, const GUID* dimensionID, UINT* count);
+GpStatus GdipImageSelectActiveFrame(GpImage* image, const GUID* dimensionID, UINT frameIndex);
+
+// --- graphics (drawing on indexed or 16-bit images goes to a 32-bit scratch
+// copy that is mapped back to the nearest palette entry when the context is
+// deleted) ---
+GpStatus GdipGetImageGraphicsContext(GpImage* image, GpGraphics** graphics);
+GpStatus GdipDeleteGraphics(GpGraphics* graphics);
+GpStatus GdipGraphicsClear(GpGraphics* graphics, ARGB color);
+// A device context over the graphics' pixels (a cairo context on the image).
+GpStatus GdipGetDC(GpGraphics* graphics, HDC* hdc);
+GpStatus GdipReleaseDC(GpGraphics* graphics, HDC hdc);
+
+// --- host handles ---
+GpStatus GdipCreateHBITMAPFromBitmap(GpBitmap* bitmap, HBITMAP* hbmReturn, ARGB background);
+GpStatus GdipCreateBitmapFromHBITMAP(HBITMAP hbm, HPALETTE hpal, GpBitmap** bitmap);
+GpStatus GdipCreateHICONFromBitmap(GpBitmap* bitmap, HICON* hbmReturn);
+GpStatus GdipCreateBitmapFromHICON(HICON hicon, GpBitmap** bitmap);
+// `gdiBitmapInfo` is a BITMAPINFOHEADER followed by its colour table;
+// `gdiBitmapData` the rows as the header describes them (bottom-up unless the
+// height is negative).
+GpStatus GdipCreateBitmapFromGdiDib(const void* gdiBitmapInfo, void* gdiBitmapData,
+                                    GpBitmap** bitmap);
+
+} // namespace kestrelyn
