@@ -202,4 +202,136 @@ GpStatus GdipCreateBitmapFromHICON(HICON hicon, GpBitmap** bitmap);
 GpStatus GdipCreateBitmapFromGdiDib(const void* gdiBitmapInfo, void* gdiBitmapData,
                                     GpBitmap** bitmap);
 
+// ===================================================================== codecs
+// Decoders (BMP, ICO, JPEG, PNG, GIF, TIFF; the content decides, not the name)
+// and encoders (PNG, TIFF, BMP, JPEG).
+
+// Raw formats, as GdipGetImageRawFormat reports them.
+inline constexpr GUID ImageFormatUndefined{0xb96b3ca9, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatMemoryBMP{0xb96b3caa, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatBMP{0xb96b3cab, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatEMF{0xb96b3cac, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatWMF{0xb96b3cad, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatJPEG{0xb96b3cae, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatPNG{0xb96b3caf, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatGIF{0xb96b3cb0, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatTIFF{0xb96b3cb1, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatEXIF{0xb96b3cb2, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID ImageFormatIcon{0xb96b3cb5, 0x0728, 0x11d3, {0x9d, 0x7b, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+
+// Frame dimensions.
+inline constexpr GUID FrameDimensionPage{0x7462dc86, 0x6180, 0x4c7e, {0x8e, 0x3f, 0xee, 0x73, 0x33, 0xa7, 0xa4, 0x83}};
+inline constexpr GUID FrameDimensionTime{0x6aedbd6d, 0x3fb5, 0x418a, {0x83, 0xa6, 0x7f, 0x45, 0x22, 0x9d, 0xc8, 0x72}};
+
+// Encoder class ids.
+inline constexpr GUID EncoderClsidBMP{0x557cf400, 0x1a04, 0x11d3, {0x9a, 0x73, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID EncoderClsidJPEG{0x557cf401, 0x1a04, 0x11d3, {0x9a, 0x73, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID EncoderClsidGIF{0x557cf402, 0x1a04, 0x11d3, {0x9a, 0x73, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID EncoderClsidTIFF{0x557cf405, 0x1a04, 0x11d3, {0x9a, 0x73, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+inline constexpr GUID EncoderClsidPNG{0x557cf406, 0x1a04, 0x11d3, {0x9a, 0x73, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+// Decoder-only class ids.
+inline constexpr GUID DecoderClsidICO{0x557cf407, 0x1a04, 0x11d3, {0x9a, 0x73, 0x00, 0x00, 0xf8, 0x1e, 0xf3, 0x2e}};
+
+// Encoder parameter categories.
+inline constexpr GUID EncoderCompression{0xe09d739d, 0xccd4, 0x44ee, {0x8e, 0xba, 0x3f, 0xbf, 0x8b, 0xe4, 0xfc, 0x58}};
+inline constexpr GUID EncoderColorDepth{0x66087055, 0xad66, 0x4c7c, {0x9a, 0x18, 0x38, 0xa2, 0x31, 0x0b, 0x83, 0x37}};
+inline constexpr GUID EncoderSaveFlag{0x292266fc, 0xac40, 0x47bf, {0x8c, 0xfc, 0xa8, 0x5b, 0x89, 0xa6, 0x55, 0xde}};
+inline constexpr GUID EncoderQuality{0x1d5be4b5, 0xfa4a, 0x452d, {0x9c, 0xdd, 0x5d, 0xb3, 0x51, 0x05, 0xe7, 0xeb}};
+
+enum EncoderParameterValueType : UINT {
+    EncoderParameterValueTypeByte = 1,
+    EncoderParameterValueTypeASCII = 2,
+    EncoderParameterValueTypeShort = 3,
+    EncoderParameterValueTypeLong = 4,
+    EncoderParameterValueTypeRational = 5,
+    EncoderParameterValueTypeLongRange = 6,
+    EncoderParameterValueTypeUndefined = 7,
+    EncoderParameterValueTypeRationalRange = 8,
+};
+
+enum EncoderValue : UINT {
+    EncoderValueColorTypeCMYK = 0,
+    EncoderValueColorTypeYCCK = 1,
+    EncoderValueCompressionLZW = 2,
+    EncoderValueCompressionCCITT3 = 3,
+    EncoderValueCompressionCCITT4 = 4,
+    EncoderValueCompressionRle = 5,
+    EncoderValueCompressionNone = 6,
+    EncoderValueScanMethodInterlaced = 7,
+    EncoderValueScanMethodNonInterlaced = 8,
+    EncoderValueVersionGif87 = 9,
+    EncoderValueVersionGif89 = 10,
+    EncoderValueRenderProgressive = 11,
+    EncoderValueRenderNonProgressive = 12,
+    EncoderValueTransformRotate90 = 13,
+    EncoderValueTransformRotate180 = 14,
+    EncoderValueTransformRotate270 = 15,
+    EncoderValueTransformFlipHorizontal = 16,
+    EncoderValueTransformFlipVertical = 17,
+    EncoderValueMultiFrame = 18,
+    EncoderValueLastFrame = 19,
+    EncoderValueFlush = 20,
+    EncoderValueFrameDimensionTime = 21,
+    EncoderValueFrameDimensionResolution = 22,
+    EncoderValueFrameDimensionPage = 23,
+};
+
+struct EncoderParameter {
+    GUID Guid;
+    UINT NumberOfValues;
+    UINT Type;   // EncoderParameterValueType
+    void* Value; // NumberOfValues values of Type
+};
+
+// Variable-length, laid out as the engine lays it out: Count parameters.
+struct EncoderParameters {
+    UINT Count;
+    EncoderParameter Parameter[1];
+};
+
+enum ImageCodecFlags : UINT {
+    ImageCodecFlagsEncoder = 0x00000001,
+    ImageCodecFlagsDecoder = 0x00000002,
+    ImageCodecFlagsSupportBitmap = 0x00000004,
+    ImageCodecFlagsBuiltin = 0x00010000,
+};
+
+struct ImageCodecInfo {
+    GUID Clsid;
+    GUID FormatID;
+    std::string CodecName;
+    std::string DllName;
+    std::string FormatDescription;
+    std::string FilenameExtension; // patterns separated by ";", e.g. "*.TIF;*.TIFF"
+    std::string MimeType;
+    UINT Flags = 0;
+    UINT Version = 1;
+    std::vector<std::vector<std::uint8_t>> SigPatterns;
+    std::vector<std::vector<std::uint8_t>> SigMasks;
+};
+
+GpStatus GdipCreateBitmapFromFile(const std::string& filename, GpBitmap** bitmap);
+GpStatus GdipCreateBitmapFromFileICM(const std::string& filename, GpBitmap** bitmap);
+GpStatus GdipLoadImageFromFile(const std::string& filename, GpImage** image);
+GpStatus GdipLoadImageFromStream(StreamPtr stream, GpImage** image);
+GpStatus GdipLoadImageFromStreamICM(StreamPtr stream, GpImage** image);
+GpStatus GdipCreateBitmapFromStream(StreamPtr stream, GpBitmap** bitmap);
+
+// size counts the codecs' records (numEncoders * sizeof(ImageCodecInfo)); the
+// list is filled into a caller vector.
+GpStatus GdipGetImageEncodersSize(UINT* numEncoders, UINT* size);
+GpStatus GdipGetImageEncoders(UINT numEncoders, UINT size, ImageCodecInfo* encoders);
+GpStatus GdipGetImageDecodersSize(UINT* numDecoders, UINT* size);
+GpStatus GdipGetImageDecoders(UINT numDecoders, UINT size, ImageCodecInfo* decoders);
+
+// Saving. A TIFF save with the SaveFlag MultiFrame starts a multi-frame file
+// that GdipSaveAddImage (SaveFlag FrameDimensionPage) extends and GdipSaveAdd
+// (SaveFlag Flush) completes.
+GpStatus GdipSaveImageToFile(GpImage* image, const std::string& filename, const GUID* clsidEncoder,
+                             const EncoderParameters* encoderParams);
+GpStatus GdipSaveImageToStream(GpImage* image, StreamPtr stream, const GUID* clsidEncoder,
+                               const EncoderParameters* encoderParams);
+GpStatus GdipSaveAddImage(GpImage* image, GpImage* newImage, const EncoderParameters* encoderParams);
+GpStatus GdipSaveAdd(GpImage* image, const EncoderParameters* encoderParams);
+
 } // namespace kestrelyn
