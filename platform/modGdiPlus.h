@@ -39,7 +39,7 @@ struct BitmapData {
     UINT Width = 0;
     UINT Height = 0;
     INT Stride = 0;
-    PixelFormat PixelFormat = 0;
+    kestrelyn::PixelFormat PixelFormat = 0; // qualified: the member reuses the type name
     void* Scan0 = nullptr;
     std::uintptr_t Reserved = 0;
 };
