@@ -1,0 +1,277 @@
+// cPDF: the forward-only writer of one PDF file. Objects go to disk as the
+// application calls; only offsets, the page list, resource strings and the
+// open page's content stay in memory.
+//
+// Text arguments (title, author, drawn text, font names, ...) are UTF-8; the
+// file holds them as Windows-1252 ("WinAnsi") bytes.
+#pragma once
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kestrelyn {
+
+class cRc4;
+
+enum PdfEncryption : std::int32_t {
+    PdfEncryptionNone = 0,
+    PdfEncryption40BitRC4 = 1,
+    PdfEncryption128BitRC4 = 2,
+};
+
+enum PdfRight : std::int32_t {
+    PdfRightUndefined = -1,
+    PdfRightCanView = 0,
+    PdfRightCanPrint = 1,
+    PdfRightCanCopy = 2,
+    PdfRightCanModify = 4,
+    PdfRightCanAddNotes = 8,
+    PdfRightCanFillFields = 16,
+    PdfRightCanCopyAccess = 32,
+    PdfRightCanAssemble = 64,
+    PdfRightCanPrintFull = 128,
+};
+
+// One font of the document, measured in thousandths of the em.
+struct PdfFontRecord {
+    std::string sName;
+    std::uint8_t nFirstChar = 0;
+    std::uint8_t nLastChar = 0;
+    std::int32_t arWidths[256] = {};
+    std::int32_t nMissingWidth = 0;
+    std::int32_t nAvgWidth = 0;
+    std::int32_t nMaxWidth = 0;
+    std::int32_t nDescent = 0;
+    std::int32_t nAscent = 0;
+    std::int32_t nItalicAngle = 0;
+    std::int32_t nCapHeight = 0;
+    std::int32_t nStemV = 0;
+    std::int32_t nFlags = 0;
+};
+
+// One image XObject of the document.
+struct PdfImageRecord {
+    std::int32_t Width = 0;
+    std::int32_t Height = 0;
+    std::int32_t ResX = 0;
+    std::int32_t ResY = 0;
+};
+
+// One form XObject and its auto-drawing flags.
+struct PdfFormRecord {
+    std::string sName;
+    std::int32_t nFlags = 0;
+};
+
+// Filter modes of image streams.
+enum PdfImageFilter : std::int32_t {
+    PdfImageFilterNone = 0,
+    PdfImageFilterFlate = 1,
+    PdfImageFilterCcittG4 = 2,
+    PdfImageFilterJpeg = 3,
+};
+
+class cPDF {
+  public:
+    cPDF();
+    ~cPDF();
+    cPDF(const cPDF&) = delete;
+    cPDF& operator=(const cPDF&) = delete;
+
+    // --- properties ---
+    bool PdfHeaderDone() const { return bPdfHeaderDone; }
+    void XMP(const std::string& sXmp) { sXMP = sXmp; }
+    void PdfA(bool bValue) { bPdfA = bValue; }
+    std::int32_t CompressLevel() const { return nCompressLevel; }
+    void CompressLevel(std::int32_t nValue) { nCompressLevel = nValue; }
+    std::int32_t JpegQuality() const { return nJpegQuality; }
+    void JpegQuality(std::int32_t nValue) { nJpegQuality = nValue; }
+    bool CompressData() const { return bCompressData; }
+    void CompressData(bool bValue) { bCompressData = bValue; }
+    float Margin() const { return nMargin; }
+    void Margin(float nValue) { nMargin = nValue; }
+    std::int32_t ImageCount() const { return static_cast<std::int32_t>(arImages.size()); }
+    float PaperWidth() const { return nPaperWidth; }
+    void PaperWidth(float nValue);
+    float PaperHeight() const { return nPaperHeight; }
+    void PaperHeight(float nValue);
+    std::int32_t Pages() const { return nPages; }
+    void PaperSize(std::int32_t nValue);
+    std::int32_t Orientation() const { return nOrientation; }
+    void Orientation(std::int32_t nValue) { nOrientation = nValue; }
+    std::int32_t PdfGetNativePdf() const { return hFile; }
+    std::string PdfGetPath() const { return sPath; }
+
+    // --- document life ---
+    bool NewPdf(const std::string& sPath, const std::string& sTitle, const std::string& sAuthor,
+                const std::string& sCreator, const std::string& sKeywords,
+                const std::string& sSubject, std::int32_t nEncryption = PdfEncryptionNone,
+                std::int32_t nRights = PdfRightUndefined, const std::string& sUserPassword = "",
+                const std::string& sOwnerPassword = "");
+    void ClosePdfFile();
+    std::int16_t BeginPage();
+    void EndPage();
+
+    // --- page content (points, origin at the bottom left) ---
+    void SetWordSpacing(float nValue);
+    void SetCharSpacing(float nValue);
+    void SetTextHorizontalScaling(float nValue);
+    void DrawText(float x, float y, const std::string& sText, std::int32_t nFontId, float nSize,
+                  std::int32_t nAlign = 0, float nRotation = 0);
+    void SetTextMode(std::int32_t nMode);
+    void SetColorStroke(std::int32_t nColour);
+    void SetColorFill(std::int32_t nColour);
+    void SetDash(float nOn, float nOff);
+    void SetLineWidth(float nWidth);
+    void SetLineCap(std::int32_t nCap);
+    void SetLineJoin(std::int32_t nJoin);
+    void MoveTo(float x, float y);
+    void LineTo(float x, float y, std::int32_t nStyle);
+    void Rectangle(float x, float y, float nWidth, float nHeight, std::int32_t nStyle,
+                   float nRadius = 0);
+    void Curve(float x1, float y1, float x2, float y2, float x3, float y3, std::int32_t nStyle);
+    void DrawCircle(float x, float y, float nRadius, std::int32_t nStyle);
+    void Arc(float x, float y, float nRay, float nStartAngle, float nEndAngle, float nRatio,
+             bool bPie, float nRotation, float nStep, std::int32_t nStyle);
+
+    // --- images ---
+    // Writes an image XObject from pixels already read (or JPEG bytes already
+    // encoded for PdfImageFilterJpeg) and adds it to the image table. This is
+    // the step that the image-loading entry (PdfAddImage over the registry)
+    // ends with. nBitsPerPixel is 1, 4 or 8 with a palette of 3 * 2^bpp bytes
+    // (red, green, blue), or 24 for rows of red, green, blue. Returns the new
+    // image number, or 0.
+    std::int32_t AddImageData(const std::string& sData, const std::string& sPalette,
+                              std::int32_t nWidth, std::int32_t nHeight, std::int32_t nBitsPerPixel,
+                              std::int32_t nStride, std::int32_t nFilterMode, std::int32_t nResX,
+                              std::int32_t nResY);
+    void DrawImg(std::int32_t nImage, float x, float y, float nWidth, float nHeight);
+    std::int32_t ImageWidth(std::int32_t nImage) const;
+    std::int32_t ImageHeight(std::int32_t nImage) const;
+    std::int32_t ImageResX(std::int32_t nImage) const;
+    std::int32_t ImageResY(std::int32_t nImage) const;
+
+    // --- fonts ---
+    std::int32_t LoadFont(const std::string& sName, bool bBold, bool bItalic);
+
+    // --- form objects ---
+    void StartObject(const std::string& sName, std::int32_t nFlags);
+    void EndObject();
+    void DrawObject(const std::string& sName);
+
+    float TextWidth(const std::string& sText, std::int32_t nFontId, float nSize);
+
+    void InitPdfFile();
+
+    // Sum of the /P rights bits for the arguments that are true; canModify is
+    // accepted and has no effect (pass PdfRightCanModify yourself).
+    static std::int32_t PdfCreateRights(bool bCanPrint, bool bCanModify, bool bCanCopy,
+                                        bool bCanAddNotes, bool bCanFillFields, bool bCanCopyAccess,
+                                        bool bCanAssemble, bool bCanPrintFull);
+
+    // Number text of the file: at most nDecimals decimals, round half to even,
+    // no trailing zeros, "." whatever the locale.
+    static std::string FormatNumber(double nValue, std::int32_t nDecimals = 3);
+    // Exactly nDecimals decimals ("100.00"), "." whatever the locale.
+    static std::string FormatFixed(double nValue, std::int32_t nDecimals = 2);
+    // "\" "(" ")" escaped.
+    static std::string EscapeStringPlain(const std::string& sText);
+    // As EscapeStringPlain, and CR, LF written as "\r", "\n".
+    static std::string EscapeString(const std::string& sText);
+    // The name of an installed font matching sName (case and blanks ignored).
+    static bool FindInstalledFont(const std::string& sName, std::string& sInstalledName);
+    // Measures an installed font (em of 1000). False if it cannot be read.
+    static bool ReadFontMetrics(const std::string& sInstalledName, bool bBold, bool bItalic,
+                                bool bUnderline, PdfFontRecord& oRecord);
+    // Deflates with zlib compress2; false on failure.
+    static bool CompressBytes(const std::string& sSource, std::string& sDestination,
+                              std::int32_t nLevel);
+
+  private:
+    std::int32_t BeginObject(std::int32_t nNumber);
+    void WriteEndObj();
+    void WriteLine(const std::string& sText);
+    void WriteBytesLine(const std::string& sBytes);
+    void WriteRaw(const std::string& sBytes);
+    std::int64_t FilePosition() const;
+    void AppendContent(const std::string& sText);
+    void EnsurePage();
+    void PaintPath(std::int32_t nStyle);
+    void AutoDrawObjects();
+    std::string PrepareString(const std::string& sText, std::int32_t nObject, bool bEscape);
+    std::string EncryptFor(std::int32_t nObject, const std::string& sBytes);
+    void ComputeEncryptionValues(std::int32_t nRights, std::int32_t nMode,
+                                 std::string sOwnerPassword, const std::string& sUserPassword);
+    std::string ObjectKey(std::int32_t nObject) const;
+    void MakeXmpText(const std::string& sDate);
+    bool WriteImageObject(const std::string& sName, const std::string& sData,
+                          const std::string& sPalette, std::int32_t nWidth, std::int32_t nHeight,
+                          std::int32_t nBitsPerPixel, std::int32_t nStride,
+                          std::int32_t nFilterMode);
+    bool CompressCcittG4(const std::string& sSource, std::string& sDestination, std::int32_t nWidth,
+                         std::int32_t nHeight, std::int32_t nStride);
+
+    bool bPdfHeaderDone = false;
+    bool bCompressData = true;
+    bool bZlibAvailable = true;
+    std::int32_t nCompressorChoice = 1;
+    bool bPdfA = false;
+    std::int32_t nOrientation = 0;
+    std::int32_t hFile = 0;
+    std::FILE* pFile = nullptr;
+    std::int32_t nPaperSize = 0;
+    float nPaperWidth = 595.2f;
+    float nPaperHeight = 842.0f;
+    float nCurrentWidth = 0;
+    float nCurrentHeight = 0;
+    std::int32_t nPages = 0;
+    float nMargin = 0;
+    float nCurrentMargin = 0;
+    std::string sPath;
+    float nCharSpacing = 0;
+    float nWordSpacing = 0;
+    float nHorizontalScaling = 100;
+    std::int32_t nCompressLevel = 9;
+    std::int32_t nJpegQuality = 75;
+    std::int32_t nLastObject = 0;
+    std::string sKids;
+    std::string sFontResources;
+    std::string sFontLookup;
+    std::string sImageResources;
+    std::string sFormResources;
+    std::string sPageContent;
+    std::int16_t nFormCount = 0;
+    std::int32_t nFontCount = 0;
+    std::int64_t nFormStreamStart = 0;
+    bool bPageOpen = false;
+    std::string sFileIdA;
+    std::string sFileIdB;
+    std::int32_t nEncryptionMode = 0;
+    std::string sOwnerPassword;
+    std::string sUserPassword;
+    std::int32_t nRights = -1;
+    std::string sFileKey;
+    std::string sO;
+    std::string sU;
+    std::string sP;
+    std::int32_t nEncryptObject = 0;
+    std::vector<std::string> arXref;
+    std::vector<PdfImageRecord> arImages;
+    std::vector<PdfFontRecord> arFonts;
+    std::vector<PdfFormRecord> arForms;
+    std::string sXMP;
+    std::string sTitle, sAuthor, sSubject, sKeywords, sCreator;
+    // UTF-8 forms of the document information, for the PDF/A metadata text.
+    std::string sTitleUtf8, sAuthorUtf8, sSubjectUtf8, sKeywordsUtf8, sCreatorUtf8;
+    // The form being recorded: its object number and, in an encrypted file,
+    // the keystream of its object key.
+    std::int32_t nOpenForm = 0;
+    std::unique_ptr<cRc4> pFormCipher;
+};
+
+// The producer text of every file ("Kestrelyn ActiveX ... - <web address>").
+extern const char* const kPdfProducer;
+
+} // namespace kestrelyn

@@ -1,0 +1,138 @@
+// cPDF: image XObjects from pixels that the caller has read (or JPEG bytes it
+// has encoded), and their placement on pages.
+#include <string>
+
+#include "pdf/cPDF.h"
+
+namespace kestrelyn {
+
+namespace {
+
+bool IsBlack(const std::string& sPalette, std::size_t nEntry) {
+    return sPalette.size() >= nEntry * 3 + 3 && sPalette[nEntry * 3] == '\0' &&
+           sPalette[nEntry * 3 + 1] == '\0' && sPalette[nEntry * 3 + 2] == '\0';
+}
+
+bool IsWhite(const std::string& sPalette, std::size_t nEntry) {
+    return sPalette.size() >= nEntry * 3 + 3 && sPalette[nEntry * 3] == '\xFF' &&
+           sPalette[nEntry * 3 + 1] == '\xFF' && sPalette[nEntry * 3 + 2] == '\xFF';
+}
+
+} // namespace
+
+bool cPDF::CompressCcittG4(const std::string& /*sSource*/, std::string& sDestination,
+                           std::int32_t /*nWidth*/, std::int32_t /*nHeight*/,
+                           std::int32_t /*nStride*/) {
+    // Group 4 coding belongs to the codec plug-in (KYIMGPLUG_VB_CompressCCITT4),
+    // which this writer does not reach yet: report failure, so that the image
+    // is written unfiltered, as for any failed compression.
+    sDestination.clear();
+    return false;
+}
+
+bool cPDF::WriteImageObject(const std::string& sName, const std::string& sData,
+                            const std::string& sPalette, std::int32_t nWidth, std::int32_t nHeight,
+                            std::int32_t nBitsPerPixel, std::int32_t nStride,
+                            std::int32_t nFilterMode) {
+    if (!pFile) return false;
+    std::string sEncoded, sFilter;
+    bool bEncoded = false;
+    if (nFilterMode == PdfImageFilterJpeg) {
+        sEncoded = sData;
+        sFilter = "/Filter/DCTDecode";
+        bEncoded = true;
+    } else if (nFilterMode == PdfImageFilterFlate) {
+        bEncoded = bZlibAvailable && CompressBytes(sData, sEncoded, nCompressLevel);
+        sFilter = "/Filter/FlateDecode";
+    } else if (nFilterMode == PdfImageFilterCcittG4) {
+        bEncoded = CompressCcittG4(sData, sEncoded, nWidth, nHeight, nStride);
+        sFilter =
+            "/Filter/CCITTFaxDecode/DecodeParms<</K -1/Columns " + std::to_string(nWidth) + ">>";
+    }
+    if (!bEncoded) {
+        nFilterMode = PdfImageFilterNone;
+        sEncoded = sData;
+        sFilter.clear();
+    }
+
+    if (!bPdfHeaderDone) InitPdfFile();
+    const std::int32_t nObject = BeginObject(0);
+    const std::string sLength = std::to_string(sEncoded.size());
+    const std::string sSize =
+        "/Width " + std::to_string(nWidth) + "/Height " + std::to_string(nHeight);
+    bool bPaletteObject = false;
+    if (nBitsPerPixel == 1 && ((IsBlack(sPalette, 0) && IsWhite(sPalette, 1)) ||
+                               (IsWhite(sPalette, 0) && IsBlack(sPalette, 1)))) {
+        const bool bBlackFirst = IsBlack(sPalette, 0);
+        const bool bCcitt = nFilterMode == PdfImageFilterCcittG4;
+        const char* sDecode = (bBlackFirst == bCcitt) ? "Decode [ 1 0 ]" : "Decode [ 0 1 ]";
+        WriteLine("<</Subtype/Image/Length " + sLength + sFilter + "/Name/" + sName +
+                  "/BitsPerComponent 1/ColorSpace/DeviceGray/" + sDecode + sSize +
+                  "/Type/XObject>>stream");
+    } else if (nBitsPerPixel == 1 || nBitsPerPixel == 4 || nBitsPerPixel == 8) {
+        bPaletteObject = true;
+        WriteLine("<</Subtype/Image/Length " + sLength + sFilter + "/Name/" + sName +
+                  "/BitsPerComponent " + std::to_string(nBitsPerPixel) +
+                  "/ColorSpace [/Indexed/DeviceRGB " + std::to_string((1 << nBitsPerPixel) - 1) +
+                  " " + std::to_string(nObject + 1) + " 0 R]" + sSize + "/Type/XObject>>stream");
+    } else {
+        WriteLine("<</Subtype/Image/Length " + sLength + sFilter + "/Name/" + sName +
+                  "/BitsPerComponent 8/ColorSpace/DeviceRGB" + sSize + "/Type/XObject>>stream");
+    }
+    WriteBytesLine(EncryptFor(nObject, sEncoded));
+    WriteLine("endstream");
+    WriteEndObj();
+    sImageResources += "/" + sName + " " + std::to_string(nObject) + " 0 R\r";
+
+    if (bPaletteObject) {
+        const std::int32_t nPaletteObject = BeginObject(0);
+        WriteLine("<</Length " + std::to_string(sPalette.size()) + ">>stream");
+        WriteBytesLine(EncryptFor(nPaletteObject, sPalette));
+        WriteLine("endstream");
+        WriteEndObj();
+    }
+    return true;
+}
+
+std::int32_t cPDF::AddImageData(const std::string& sData, const std::string& sPalette,
+                                std::int32_t nWidth, std::int32_t nHeight,
+                                std::int32_t nBitsPerPixel, std::int32_t nStride,
+                                std::int32_t nFilterMode, std::int32_t nResX, std::int32_t nResY) {
+    if (!pFile || nWidth <= 0 || nHeight <= 0 || nBitsPerPixel <= 0) return 0;
+    if (!bCompressData) nFilterMode = PdfImageFilterNone;
+    std::string sFullPalette;
+    if (nBitsPerPixel < 9) {
+        // 3 * 2^bpp bytes; entries the image lacks are black.
+        sFullPalette = sPalette.substr(0, static_cast<std::size_t>(3) << nBitsPerPixel);
+        sFullPalette.resize(static_cast<std::size_t>(3) << nBitsPerPixel, '\0');
+    }
+    const std::string sName = "Img" + std::to_string(ImageCount() + 1);
+    if (!WriteImageObject(sName, sData, sFullPalette, nWidth, nHeight, nBitsPerPixel, nStride,
+                          nFilterMode))
+        return 0;
+    arImages.push_back({nWidth, nHeight, nResX, nResY});
+    return ImageCount();
+}
+
+void cPDF::DrawImg(std::int32_t nImage, float x, float y, float nWidth, float nHeight) {
+    if (arImages.empty() || nImage < 1 || nImage > ImageCount()) return;
+    EnsurePage();
+    AppendContent("q\n" + FormatFixed(nWidth) + " 0 0 " + FormatFixed(nHeight) + " " +
+                  FormatFixed(x) + " " + FormatFixed(y) + " cm\n/Img" + std::to_string(nImage) +
+                  " Do\nQ\n");
+}
+
+std::int32_t cPDF::ImageWidth(std::int32_t n) const {
+    return n >= 1 && n <= ImageCount() ? arImages[n - 1].Width : 0;
+}
+std::int32_t cPDF::ImageHeight(std::int32_t n) const {
+    return n >= 1 && n <= ImageCount() ? arImages[n - 1].Height : 0;
+}
+std::int32_t cPDF::ImageResX(std::int32_t n) const {
+    return n >= 1 && n <= ImageCount() ? arImages[n - 1].ResX : 0;
+}
+std::int32_t cPDF::ImageResY(std::int32_t n) const {
+    return n >= 1 && n <= ImageCount() ? arImages[n - 1].ResY : 0;
+}
+
+} // namespace kestrelyn
