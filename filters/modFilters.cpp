@@ -1,0 +1,401 @@
+// The filter frame: zone in, one pure function, zone back in the image's own
+// format. See modFilters.h.
+#include "filters/modFilters.h"
+
+#include <cstring>
+#include <new>
+#include <stdexcept>
+
+#include "core/cImaging.h"
+#include "core/modMain.h"
+#include "platform/modGdiPlus.h"
+
+namespace kestrelyn {
+
+namespace {
+
+constexpr PixelFormat kFormat1bpp = 196865;
+constexpr PixelFormat kFormat8bpp = 198659;
+constexpr PixelFormat kFormatARGB = 2498570;
+
+// The table of identifiers 1..70. A null row runs no function: 21, 22 and 23
+// are free; the bitonal clean-up (52, 62, 64, 65, 66, 69, 70), distortion and
+// artistic (15, 29, 32, 37, 38, 40, 54, 55, 56, 57) and page statistic (36,
+// 53, 59, 60, 67, 68) rows get their functions with those families.
+struct FilterRow {
+    FilterFunction fn;
+    bool bReadsSource;
+};
+
+const FilterRow kFilterTable[71] = {
+    /* 0 */ {nullptr, false},
+    /* 1 sharpen */ {FilterSharpen, false},
+    /* 2 negative */ {FilterNegative, false},
+    /* 3 blur */ {FilterBlur, false},
+    /* 4 diffuse */ {FilterDiffuse, false},
+    /* 5 smooth */ {FilterSmooth, false},
+    /* 6 edge enhance */ {FilterEdgeEnhance, false},
+    /* 7 contour */ {FilterContour, true},
+    /* 8 emboss */ {FilterEmboss, false},
+    /* 9 emboss more */ {FilterEmbossMore, true},
+    /* 10 engrave */ {FilterEngrave, false},
+    /* 11 engrave more */ {FilterEngraveMore, true},
+    /* 12 gray */ {FilterGrayscale, false},
+    /* 13 relief */ {FilterRelief, true},
+    /* 14 brightness */ {FilterBrightness, false},
+    /* 15 pixelize */ {nullptr, true},
+    /* 16 swap channels */ {FilterSwapChannels, false},
+    /* 17 contrast */ {FilterContrast, false},
+    /* 18 threshold */ {FilterThreshold, false},
+    /* 19 ordered dither */ {FilterOrderedDither, false},
+    /* 20 error diffusion */ {FilterErrorDiffusion, false},
+    /* 21 free */ {nullptr, false},
+    /* 22 free */ {nullptr, false},
+    /* 23 free */ {nullptr, false},
+    /* 24 aqua */ {FilterAqua, true},
+    /* 25 dilate */ {FilterDilate, true},
+    /* 26 erode */ {FilterErode, true},
+    /* 27 connected contour */ {FilterConnectedContour, true},
+    /* 28 stretch */ {FilterStretchContrast, false},
+    /* 29 add noise */ {nullptr, false},
+    /* 30 saturation */ {FilterSaturation, false},
+    /* 31 gamma */ {FilterGamma, false},
+    /* 32 scan line */ {nullptr, false},
+    /* 33 soften */ {FilterSoften, false},
+    /* 34 colourise */ {FilterColorize, true},
+    /* 35 transparency */ {FilterTransparency, false},
+    /* 36 is grayscale */ {nullptr, false},
+    /* 37 horizontal waves */ {nullptr, true},
+    /* 38 vertical waves */ {nullptr, true},
+    /* 39 channel offsets */ {FilterAdjustRGB, false},
+    /* 40 red eye */ {nullptr, false},
+    /* 41 keep red */ {FilterKeepRed, false},
+    /* 42 keep green */ {FilterKeepGreen, false},
+    /* 43 keep blue */ {FilterKeepBlue, false},
+    /* 44 remove red */ {FilterRemoveRed, false},
+    /* 45 remove green */ {FilterRemoveGreen, false},
+    /* 46 remove blue */ {FilterRemoveBlue, false},
+    /* 47 scale red */ {FilterScaleRed, false},
+    /* 48 scale green */ {FilterScaleGreen, false},
+    /* 49 scale blue */ {FilterScaleBlue, false},
+    /* 50 colour key */ {FilterColorKey, false},
+    /* 51 colour replace */ {FilterColorReplace, false},
+    /* 52 3x3 pattern replacement */ {nullptr, true},
+    /* 53 is blank */ {nullptr, false},
+    /* 54 fire */ {nullptr, false},
+    /* 55 twirl */ {nullptr, true},
+    /* 56 rounded mirror */ {nullptr, true},
+    /* 57 swirl */ {nullptr, true},
+    /* 58 equalise */ {FilterEqualize, false},
+    /* 59 is bitonal */ {nullptr, false},
+    /* 60 count colour */ {nullptr, false},
+    /* 61 3x3 median */ {FilterDespeckle, true},
+    /* 62 bitonal dilation */ {nullptr, true},
+    /* 63 5x5 median */ {FilterDespeckleMore, true},
+    /* 64 one-pixel speck */ {nullptr, true},
+    /* 65 bitonal erosion */ {nullptr, true},
+    /* 66 hole filling */ {nullptr, true},
+    /* 67 transparent marks */ {nullptr, false},
+    /* 68 average colour */ {nullptr, false},
+    /* 69 thin lines */ {nullptr, true},
+    /* 70 2x2 speck */ {nullptr, true},
+};
+
+bool IsYesNoStatistic(std::int32_t id) {
+    return id == 36 || id == 53 || id == 59;
+}
+bool IsNumberStatistic(std::int32_t id) {
+    return id == 60 || id == 67 || id == 68;
+}
+
+thread_local std::uint32_t tRandomState = 0x2545F491u;
+
+// Locks a rectangle into (flag 5) or out of (flag 6) a caller's buffer.
+KestrelynStatus Transfer(cImaging& owner, std::int32_t nImage, const FilterZone& z, UINT nFlags,
+                         PixelFormat nFormat, void* pBuffer, INT nStride) {
+    GpRect rect{z.Left, z.Top, z.Width, z.Height};
+    BitmapData data;
+    data.Width = static_cast<UINT>(z.Width);
+    data.Height = static_cast<UINT>(z.Height);
+    data.Stride = nStride;
+    data.PixelFormat = nFormat;
+    data.Scan0 = pBuffer;
+    PixelFormat fmt = nFormat;
+    KestrelynStatus st = owner.LockBits(nImage, rect, nFlags, fmt, data);
+    if (st != OK) return st;
+    return owner.UnlockBits(nImage, data);
+}
+
+// Complements every byte of the zone's 1-bit rows, padding included.
+KestrelynStatus NegateBits(cImaging& owner, std::int32_t nImage, const FilterZone& z) {
+    const INT stride = ((z.Width + 31) / 32) * 4;
+    std::vector<std::uint8_t> bits(static_cast<std::size_t>(stride) * z.Height);
+    KestrelynStatus st = Transfer(owner, nImage, z, 5, kFormat1bpp, bits.data(), stride);
+    if (st != OK) return st;
+    for (std::uint8_t& b : bits)
+        b = static_cast<std::uint8_t>(~b);
+    return Transfer(owner, nImage, z, 6, kFormat1bpp, bits.data(), stride);
+}
+
+std::vector<ARGB> ReadPalette(GpImage* img, UINT& nFlags) {
+    INT size = 0;
+    nFlags = 0;
+    if (GdipGetImagePaletteSize(img, &size) != OK || size < static_cast<INT>(2 * sizeof(UINT)))
+        return {};
+    std::vector<std::uint8_t> raw(static_cast<std::size_t>(size) + sizeof(ARGB));
+    auto* pal = reinterpret_cast<ColorPalette*>(raw.data());
+    if (GdipGetImagePalette(img, pal, size) != OK) return {};
+    nFlags = pal->Flags;
+    return std::vector<ARGB>(pal->Entries, pal->Entries + pal->Count);
+}
+
+KestrelynStatus WritePalette(GpImage* img, UINT nFlags, const std::vector<ARGB>& entries) {
+    std::vector<std::uint8_t> raw(sizeof(ColorPalette) + entries.size() * sizeof(ARGB));
+    auto* pal = reinterpret_cast<ColorPalette*>(raw.data());
+    pal->Flags = nFlags;
+    pal->Count = static_cast<UINT>(entries.size());
+    if (!entries.empty()) std::memcpy(pal->Entries, entries.data(), entries.size() * sizeof(ARGB));
+    return GdipSetImagePalette(img, pal);
+}
+
+// Nearest palette entry by the sum of squared channel differences; the lowest
+// index wins a tie and a distance of 0 ends the search.
+std::uint8_t NearestEntry(std::uint32_t px, const std::vector<ARGB>& pal, const std::int32_t* sq) {
+    std::int32_t best = 2147483647;
+    std::uint8_t idx = 0;
+    const std::int32_t b = px & 0xFF, g = (px >> 8) & 0xFF, r = (px >> 16) & 0xFF;
+    for (std::size_t i = 0; i < pal.size() && i < 256; ++i) {
+        const ARGB e = pal[i];
+        const std::int32_t d = sq[std::abs(b - static_cast<std::int32_t>(e & 0xFF))] +
+                               sq[std::abs(g - static_cast<std::int32_t>((e >> 8) & 0xFF))] +
+                               sq[std::abs(r - static_cast<std::int32_t>((e >> 16) & 0xFF))];
+        if (d < best) {
+            best = d;
+            idx = static_cast<std::uint8_t>(i);
+            if (d == 0) break;
+        }
+    }
+    return idx;
+}
+
+KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Image,
+                         const FilterZone& Zone, FilterContext& ctx, double* Result,
+                         bool& bAnswered) {
+    // 1. Zone and full image size.
+    ctx.ZoneWidth = Zone.Width;
+    ctx.ZoneHeight = Zone.Height;
+    GpImage* img = ResolveGdiPlusImage(Image);
+    UINT w = 0, h = 0;
+    KestrelynStatus st = GdipGetImageWidth(img, &w);
+    if (st != OK) return st;
+    st = GdipGetImageHeight(img, &h);
+    if (st != OK) return st;
+    ctx.ImageWidth = static_cast<std::int32_t>(w);
+    ctx.ImageHeight = static_cast<std::int32_t>(h);
+    ctx.bZoneCoversImage = ctx.ImageHeight <= ctx.ZoneHeight && ctx.ImageWidth <= ctx.ZoneWidth;
+    // 2. An empty zone runs nothing.
+    if (ctx.ZoneWidth <= 0 || ctx.ZoneHeight <= 0) return OK;
+    // A rectangle reaching outside the image is a failure of the filter.
+    if (Zone.Left < 0 || Zone.Top < 0 ||
+        static_cast<std::int64_t>(Zone.Left) + Zone.Width > ctx.ImageWidth ||
+        static_cast<std::int64_t>(Zone.Top) + Zone.Height > ctx.ImageHeight)
+        return GenericError;
+    // 3-5. Format and palette mode.
+    PixelFormat format = 0;
+    st = GdipGetImagePixelFormat(img, &format);
+    if (st != OK) return st;
+    const bool bIndexed = IsIndexedPixelFormat(format);
+    bool bPaletteMode = false, bPaletteIsGray = false;
+    std::vector<ARGB> palette;
+    UINT paletteFlags = 0;
+    if (bIndexed) {
+        if (FilterId == 2 && format == kFormat1bpp) return NegateBits(owner, Image, Zone);
+        palette = ReadPalette(img, paletteFlags);
+        bPaletteIsGray = true;
+        for (ARGB e : palette)
+            if ((e & 0xFF) != ((e >> 8) & 0xFF) || (e & 0xFF) != ((e >> 16) & 0xFF)) {
+                bPaletteIsGray = false;
+                break;
+            }
+        if ((FilterId == 2 || FilterId == 14) && format != kFormat1bpp && !bPaletteIsGray)
+            bPaletteMode = true;
+    }
+    const std::size_t count =
+        static_cast<std::size_t>(ctx.ZoneWidth) * static_cast<std::size_t>(ctx.ZoneHeight);
+    const FilterFunction fn = FindFilterFunction(FilterId);
+
+    if (bPaletteMode) {
+        // 7-8. The palette takes the filter; the indices stay.
+        GpRect rect{Zone.Left, Zone.Top, Zone.Width, Zone.Height};
+        BitmapData data;
+        PixelFormat fmt = format;
+        st = owner.LockBits(Image, rect, 1, fmt, data);
+        if (st != OK) return st;
+        st = owner.UnlockBits(Image, data);
+        if (st != OK) return st;
+        std::uint8_t T[256];
+        if (FilterId == 2)
+            BuildNegativeTable(T);
+        else
+            BuildBrightnessTable(RoundI(ctx.Param1), T);
+        for (ARGB& e : palette)
+            e = (e & 0xFF000000u) | (std::uint32_t(T[(e >> 16) & 0xFF]) << 16) |
+                (std::uint32_t(T[(e >> 8) & 0xFF]) << 8) | T[e & 0xFF];
+        st = WritePalette(img, paletteFlags, palette);
+        if (st != OK) return st;
+        fmt = format;
+        st = owner.LockBits(Image, rect, 2, fmt, data);
+        if (st != OK) return st;
+        st = owner.UnlockBits(Image, data);
+        if (st == OK) MarkImageModified(Image);
+        return st;
+    }
+
+    // 6-7. Working buffers.
+    ctx.WorkPixels.resize(count);
+    st = Transfer(owner, Image, Zone, 5, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
+    if (st != OK) return st;
+    if (FilterReadsSource(FilterId)) ctx.SourcePixels = ctx.WorkPixels;
+
+    // 9. The filter.
+    ctx.PixelIndex = 0;
+    if (fn) fn(ctx);
+    bAnswered = fn != nullptr;
+
+    // 10-11. Back into the image.
+    if (IsYesNoStatistic(FilterId)) return OK;
+    if (format == kFormat1bpp) {
+        const INT stride = ((Zone.Width + 31) / 32) * 4;
+        std::vector<std::uint8_t> bits(static_cast<std::size_t>(stride) * Zone.Height, 0);
+        for (std::int32_t y = 0; y < Zone.Height; ++y) {
+            const std::uint32_t* row =
+                ctx.WorkPixels.data() + static_cast<std::size_t>(y) * Zone.Width;
+            std::uint8_t* out = bits.data() + static_cast<std::size_t>(y) * stride;
+            for (std::int32_t x = 0; x < Zone.Width; ++x)
+                if ((row[x] & 0xFF) == 255)
+                    out[x >> 3] |= static_cast<std::uint8_t>(0x80u >> (x & 7));
+        }
+        return Transfer(owner, Image, Zone, 6, kFormat1bpp, bits.data(), stride);
+    }
+    if (format == kFormat8bpp) {
+        const INT stride = (Zone.Width + 3) & ~3;
+        std::vector<std::uint8_t> bytes(static_cast<std::size_t>(stride) * Zone.Height, 0);
+        std::int32_t sq[256];
+        for (int i = 0; i < 256; ++i)
+            sq[i] = i * i;
+        for (std::int32_t y = 0; y < Zone.Height; ++y) {
+            const std::uint32_t* row =
+                ctx.WorkPixels.data() + static_cast<std::size_t>(y) * Zone.Width;
+            std::uint8_t* out = bytes.data() + static_cast<std::size_t>(y) * stride;
+            if (bPaletteIsGray) {
+                for (std::int32_t x = 0; x < Zone.Width; ++x)
+                    out[x] = static_cast<std::uint8_t>(row[x] & 0xFF);
+            } else {
+                std::uint32_t lastPx = 0;
+                std::uint8_t lastIdx = 0;
+                bool bHave = false;
+                for (std::int32_t x = 0; x < Zone.Width; ++x) {
+                    const std::uint32_t px = row[x] & 0x00FFFFFFu;
+                    if (!bHave || px != lastPx) {
+                        lastIdx = NearestEntry(px, palette, sq);
+                        lastPx = px;
+                        bHave = true;
+                    }
+                    out[x] = lastIdx;
+                }
+            }
+        }
+        return Transfer(owner, Image, Zone, 6, kFormat8bpp, bytes.data(), stride);
+    }
+    (void)Result;
+    return Transfer(owner, Image, Zone, 6, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
+}
+
+} // namespace
+
+FilterContext FilterContext::Over(std::vector<std::uint32_t> pixels, std::int32_t nWidth,
+                                  std::int32_t nHeight) {
+    FilterContext ctx;
+    ctx.WorkPixels = std::move(pixels);
+    ctx.ZoneWidth = nWidth;
+    ctx.ZoneHeight = nHeight;
+    ctx.ImageWidth = nWidth;
+    ctx.ImageHeight = nHeight;
+    ctx.bZoneCoversImage = true;
+    return ctx;
+}
+
+FilterFunction FindFilterFunction(std::int32_t nFilterId) {
+    if (nFilterId < 1 || nFilterId > 70) return nullptr;
+    return kFilterTable[nFilterId].fn;
+}
+
+bool FilterReadsSource(std::int32_t nFilterId) {
+    if (nFilterId < 1 || nFilterId > 70) return false;
+    return kFilterTable[nFilterId].bReadsSource;
+}
+
+void ApplyFilter(std::int32_t nFilterId, FilterContext& ctx) {
+    if (FilterReadsSource(nFilterId)) ctx.SourcePixels = ctx.WorkPixels;
+    ctx.PixelIndex = 0;
+    if (FilterFunction fn = FindFilterFunction(nFilterId)) fn(ctx);
+}
+
+void SeedFilterRandom(std::uint32_t nSeed) {
+    tRandomState = nSeed;
+}
+
+float NextFilterRandom() {
+    tRandomState = tRandomState * 1664525u + 1013904223u;
+    return static_cast<float>(tRandomState >> 8) / 16777216.0f;
+}
+
+KestrelynStatus RunFilter(cImaging& owner, std::int32_t FilterId, std::int32_t Image, double Param1,
+                          const FilterZone& Zone, float Hue, float Saturation, float Luminosity,
+                          double Param2, double Param3, double Param4, double* Result,
+                          const std::array<std::uint32_t, 9>* MatrixIn,
+                          const std::array<std::uint32_t, 9>* MatrixOut) {
+    KestrelynStatus st = OK;
+    bool bAnswered = false;
+    FilterContext ctx;
+    try {
+        ctx.Param1 = Param1;
+        ctx.Param2 = Param2;
+        ctx.Param3 = Param3;
+        ctx.Param4 = Param4;
+        ctx.Hue = Hue;
+        ctx.Saturation = Saturation;
+        ctx.Luminosity = Luminosity;
+        if (MatrixIn) ctx.MatrixIn = *MatrixIn;
+        if (MatrixOut) ctx.MatrixOut = *MatrixOut;
+        st = RunFrame(owner, FilterId, Image, Zone, ctx, Result, bAnswered);
+    } catch (const std::bad_alloc&) {
+        st = OutOfMemory;
+    } catch (...) {
+        st = GenericError;
+    }
+    // 13. Statistics.
+    if (Result && bAnswered) {
+        if (IsYesNoStatistic(FilterId) && st == OK && ctx.bAnswer) *Result = 1.0;
+        if (IsNumberStatistic(FilterId)) *Result = ctx.Result;
+    }
+    return st;
+}
+
+void PrepareZone(cImaging& owner) {
+    if (owner.ROIMode != 1) return;
+    GpImage* img = ResolveGdiPlusImage(owner.nNativeImage);
+    UINT w = 0, h = 0;
+    GdipGetImageWidth(img, &w);
+    GdipGetImageHeight(img, &h);
+    owner.ROILeft = 0;
+    owner.ROITop = 0;
+    owner.ROIWidth = static_cast<std::int32_t>(w);
+    owner.ROIHeight = static_cast<std::int32_t>(h);
+}
+
+FilterZone ObjectZone(const cImaging& owner) {
+    return FilterZone{owner.ROILeft, owner.ROITop, owner.ROIWidth, owner.ROIHeight};
+}
+
+} // namespace kestrelyn

@@ -1,0 +1,129 @@
+// The filter engine: one frame (RunFilter) that brings a rectangle of an image
+// into flat 32-bit buffers (bytes blue, green, red, alpha; rows packed), runs
+// the pure function of a filter identifier over them and stores the result
+// back in the image's own pixel format.
+//
+// All state of one run lives in a FilterContext owned by that call, so two
+// threads may filter two images at the same time.
+#pragma once
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "kestrelyn/KestrelynStatus.h"
+
+namespace kestrelyn {
+
+class cImaging;
+
+struct FilterContext {
+    std::vector<std::uint32_t> WorkPixels;
+    std::vector<std::uint32_t> SourcePixels; // only for the identifiers that read a copy
+    std::int32_t ZoneWidth = 0;
+    std::int32_t ZoneHeight = 0;
+    std::int32_t PixelIndex = 0;
+    std::int32_t ImageWidth = 0; // full image, for 55 and 56
+    std::int32_t ImageHeight = 0;
+    bool bZoneCoversImage = false; // the flag handed to 55 and 56
+    double Param1 = 0, Param2 = 0, Param3 = 0, Param4 = 0;
+    float Hue = 0.0f, Saturation = 0.5f, Luminosity = 1.0f;
+    std::array<std::uint32_t, 9> MatrixIn{};
+    std::array<std::uint32_t, 9> MatrixOut{};
+    bool bAnswer = false; // yes/no statistics (36, 53, 59)
+    double Result = 0.0;  // numeric statistics (60, 67, 68)
+
+    // A context over a caller's pixels (tests and benchmarks).
+    static FilterContext Over(std::vector<std::uint32_t> pixels, std::int32_t nWidth,
+                              std::int32_t nHeight);
+};
+
+struct FilterZone {
+    std::int32_t Left = 0, Top = 0, Width = 0, Height = 0;
+};
+
+using FilterFunction = void (*)(FilterContext&);
+
+// The function behind an identifier, or nullptr where none runs (free ids,
+// ids out of 1..70, and rows whose function is not built yet).
+FilterFunction FindFilterFunction(std::int32_t nFilterId);
+// True for the identifiers that read an untouched copy (SourcePixels).
+bool FilterReadsSource(std::int32_t nFilterId);
+// Fills SourcePixels from WorkPixels when the identifier needs it and runs the
+// function. A failed byte conversion throws std::range_error.
+void ApplyFilter(std::int32_t nFilterId, FilterContext& ctx);
+
+KestrelynStatus RunFilter(cImaging& owner, std::int32_t FilterId, std::int32_t Image, double Param1,
+                          const FilterZone& Zone, float Hue, float Saturation, float Luminosity,
+                          double Param2 = 0, double Param3 = 0, double Param4 = 0,
+                          double* Result = nullptr,
+                          const std::array<std::uint32_t, 9>* MatrixIn = nullptr,
+                          const std::array<std::uint32_t, 9>* MatrixOut = nullptr);
+
+// Fills the object's zone from the native image when the whole image is the
+// region (ROIMode 1); leaves an explicit rectangle alone.
+void PrepareZone(cImaging& owner);
+// The zone of the object as RunFilter takes it.
+FilterZone ObjectZone(const cImaging& owner);
+
+// The random source of the displacement filter: uniform on [0, 1), state kept
+// per thread across calls; seeding makes runs repeatable.
+void SeedFilterRandom(std::uint32_t nSeed);
+float NextFilterRandom();
+
+// Rounds half to even to a signed 32-bit integer (the filters' Round).
+std::int32_t RoundI(double v);
+
+// Palette forms (8-bit images with a coloured palette): the table applied to
+// each entry's blue, green and red.
+void BuildNegativeTable(std::uint8_t T[256]);
+void BuildBrightnessTable(double nBrightnessPct, std::uint8_t T[256]);
+
+// --- filter functions by family (point and colour filters) ---
+void FilterNegative(FilterContext& ctx);
+void FilterGrayscale(FilterContext& ctx);
+void FilterBrightness(FilterContext& ctx);
+void FilterSwapChannels(FilterContext& ctx);
+void FilterContrast(FilterContext& ctx);
+void FilterThreshold(FilterContext& ctx);
+void FilterOrderedDither(FilterContext& ctx);
+void FilterErrorDiffusion(FilterContext& ctx);
+void FilterStretchContrast(FilterContext& ctx);
+void FilterSaturation(FilterContext& ctx);
+void FilterGamma(FilterContext& ctx);
+void FilterColorize(FilterContext& ctx);
+void FilterTransparency(FilterContext& ctx);
+void FilterAdjustRGB(FilterContext& ctx);
+void FilterKeepRed(FilterContext& ctx);
+void FilterKeepGreen(FilterContext& ctx);
+void FilterKeepBlue(FilterContext& ctx);
+void FilterRemoveRed(FilterContext& ctx);
+void FilterRemoveGreen(FilterContext& ctx);
+void FilterRemoveBlue(FilterContext& ctx);
+void FilterScaleRed(FilterContext& ctx);
+void FilterScaleGreen(FilterContext& ctx);
+void FilterScaleBlue(FilterContext& ctx);
+void FilterColorKey(FilterContext& ctx);
+void FilterColorReplace(FilterContext& ctx);
+void FilterEqualize(FilterContext& ctx);
+
+// --- neighbourhood filters ---
+void FilterSharpen(FilterContext& ctx);
+void FilterBlur(FilterContext& ctx);
+void FilterDiffuse(FilterContext& ctx);
+void FilterSmooth(FilterContext& ctx);
+void FilterEdgeEnhance(FilterContext& ctx);
+void FilterContour(FilterContext& ctx);
+void FilterEmboss(FilterContext& ctx);
+void FilterEmbossMore(FilterContext& ctx);
+void FilterEngrave(FilterContext& ctx);
+void FilterEngraveMore(FilterContext& ctx);
+void FilterRelief(FilterContext& ctx);
+void FilterAqua(FilterContext& ctx);
+void FilterDilate(FilterContext& ctx);
+void FilterErode(FilterContext& ctx);
+void FilterConnectedContour(FilterContext& ctx);
+void FilterSoften(FilterContext& ctx);
+void FilterDespeckle(FilterContext& ctx);
+void FilterDespeckleMore(FilterContext& ctx);
+
+} // namespace kestrelyn

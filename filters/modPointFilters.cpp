@@ -1,0 +1,505 @@
+// Point and colour filters: each output pixel depends on the pixel alone, or
+// on the pixel and a statistic of the zone. They work on WorkPixels in place
+// (colourise reads SourcePixels) and keep alpha unless they say otherwise.
+// Tables are built once per call; rounding is half to even.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC optimize("O3")
+#endif
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "filters/modFilters.h"
+#include "raster/modHSL.h"
+
+namespace kestrelyn {
+
+namespace {
+
+inline std::uint32_t B_(std::uint32_t p) {
+    return p & 0xFF;
+}
+inline std::uint32_t G_(std::uint32_t p) {
+    return (p >> 8) & 0xFF;
+}
+inline std::uint32_t R_(std::uint32_t p) {
+    return (p >> 16) & 0xFF;
+}
+
+inline std::uint8_t ClampByte(std::int32_t v) {
+    return static_cast<std::uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
+}
+
+// Applies one byte table to blue, green and red of every pixel.
+void ApplyRGBTable(std::vector<std::uint32_t>& px, const std::uint8_t T[256]) {
+    // Blue and green go through a 16-bit table of both bytes at once.
+    std::vector<std::uint16_t> bg(65536);
+    for (std::uint32_t g = 0; g < 256; ++g)
+        for (std::uint32_t b = 0; b < 256; ++b)
+            bg[(g << 8) | b] = static_cast<std::uint16_t>((std::uint32_t(T[g]) << 8) | T[b]);
+    std::uint32_t* p = px.data();
+    const std::size_t n = px.size();
+    const std::uint16_t* lbg = bg.data();
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::uint32_t v = p[i];
+        p[i] = (v & 0xFF000000u) | (std::uint32_t(T[(v >> 16) & 0xFF]) << 16) | lbg[v & 0xFFFF];
+    }
+}
+
+// Gray3(s) = s / 3 truncated, for s = R + G + B.
+struct Gray3Table {
+    std::uint8_t t[766];
+    Gray3Table() {
+        for (int s = 0; s < 766; ++s)
+            t[s] = static_cast<std::uint8_t>(s / 3);
+    }
+};
+
+std::int64_t SumGray3(const std::vector<std::uint32_t>& px, const Gray3Table& g3) {
+    std::int64_t sum = 0;
+    for (std::uint32_t v : px)
+        sum += g3.t[B_(v) + G_(v) + R_(v)];
+    return sum;
+}
+
+} // namespace
+
+std::int32_t RoundI(double v) {
+    const double r = std::nearbyint(v);
+    if (!(r >= -2147483648.0 && r <= 2147483647.0)) throw std::range_error("integer overflow");
+    return static_cast<std::int32_t>(r);
+}
+
+void BuildNegativeTable(std::uint8_t T[256]) {
+    for (int i = 0; i < 256; ++i)
+        T[i] = static_cast<std::uint8_t>(255 - i);
+}
+
+void BuildBrightnessTable(double nBrightnessPct, std::uint8_t T[256]) {
+    const float f = static_cast<float>((nBrightnessPct + 100.0) / 100.0);
+    for (int i = 0; i < 256; ++i)
+        T[i] = ClampByte(RoundI(static_cast<double>(f) * i));
+}
+
+// id 2: the negative table is the complement of R, G and B.
+void FilterNegative(FilterContext& ctx) {
+    std::uint32_t* p = ctx.WorkPixels.data();
+    const std::size_t n = ctx.WorkPixels.size();
+    for (std::size_t i = 0; i < n; ++i)
+        p[i] ^= 0x00FFFFFFu;
+}
+
+// id 12: equal weights, T[s] = Round(s / 3).
+void FilterGrayscale(FilterContext& ctx) {
+    std::uint32_t T[766];
+    for (int s = 0; s < 766; ++s) {
+        const std::uint32_t g = static_cast<std::uint32_t>(RoundI(s / 3.0));
+        T[s] = g | (g << 8) | (g << 16);
+    }
+    std::uint32_t* p = ctx.WorkPixels.data();
+    const std::size_t n = ctx.WorkPixels.size();
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::uint32_t v = p[i];
+        p[i] = (v & 0xFF000000u) | T[(v & 0xFF) + ((v >> 8) & 0xFF) + ((v >> 16) & 0xFF)];
+    }
+}
+
+// id 14
+void FilterBrightness(FilterContext& ctx) {
+    std::uint8_t T[256];
+    BuildBrightnessTable(RoundI(ctx.Param1), T);
+    ApplyRGBTable(ctx.WorkPixels, T);
+}
+
+// id 16: channel permutations by mode.
+void FilterSwapChannels(FilterContext& ctx) {
+    const std::int32_t mode = RoundI(ctx.Param1);
+    if (mode < 1 || mode > 5) return;
+    for (std::uint32_t& v : ctx.WorkPixels) {
+        const std::uint32_t r = R_(v), g = G_(v), b = B_(v);
+        std::uint32_t nr, ng, nb;
+        switch (mode) {
+        case 1:
+            nr = g;
+            ng = b;
+            nb = r;
+            break;
+        case 2:
+            nr = b;
+            ng = r;
+            nb = g;
+            break;
+        case 3:
+            nr = g;
+            ng = r;
+            nb = b;
+            break;
+        case 4:
+            nr = b;
+            ng = g;
+            nb = r;
+            break;
+        default:
+            nr = r;
+            ng = b;
+            nb = g;
+            break;
+        }
+        v = (v & 0xFF000000u) | (nr << 16) | (ng << 8) | nb;
+    }
+}
+
+// id 17: a signed table around the zone's mean gray, then the balancing clip
+// that hands what one channel loses to the other two by halves.
+void FilterContrast(FilterContext& ctx) {
+    if (ctx.WorkPixels.empty()) return;
+    const Gray3Table g3;
+    const double mean = static_cast<double>(SumGray3(ctx.WorkPixels, g3)) /
+                        static_cast<double>(ctx.WorkPixels.size());
+    const std::int32_t m = static_cast<std::int32_t>(std::floor(mean));
+    const double f = (RoundI(ctx.Param1) + 100.0) / 100.0;
+    std::int32_t T[256];
+    for (int i = 0; i < 256; ++i)
+        T[i] = RoundI((i - m) * f + m);
+    for (std::uint32_t& v : ctx.WorkPixels) {
+        std::int32_t r = T[R_(v)], g = T[G_(v)], b = T[B_(v)];
+        while (static_cast<std::uint32_t>(r) > 255u || static_cast<std::uint32_t>(g) > 255u ||
+               static_cast<std::uint32_t>(b) > 255u) {
+            if (r < 1 && g <= 0 && b <= 0) {
+                r = g = b = 0;
+                break;
+            }
+            if (r >= 255 && g >= 255 && b >= 255) {
+                r = g = b = 255;
+                break;
+            }
+            std::int32_t h;
+            if (r < 0) {
+                h = r / 2;
+                g += h;
+                b += h;
+                r = 0;
+            }
+            if (r > 255) {
+                h = (r - 255) / 2;
+                g += h;
+                b += h;
+                r = 255;
+            }
+            if (g < 0) {
+                h = g / 2;
+                r += h;
+                b += h;
+                g = 0;
+            }
+            if (g > 255) {
+                h = (g - 255) / 2;
+                r += h;
+                b += h;
+                g = 255;
+            }
+            if (b < 0) {
+                h = b / 2;
+                g += h;
+                r += h;
+                b = 0;
+            }
+            if (b > 255) {
+                h = (b - 255) / 2;
+                g += h;
+                r += h;
+                b = 255;
+            }
+        }
+        v = (v & 0xFF000000u) | (std::uint32_t(r) << 16) | (std::uint32_t(g) << 8) |
+            std::uint32_t(b);
+    }
+}
+
+// id 18: black when every channel is below its own threshold.
+void FilterThreshold(FilterContext& ctx) {
+    const std::uint32_t t = static_cast<std::uint32_t>(RoundI(ctx.Param1));
+    const std::uint32_t t1 = t & 0xFF, t2 = (t >> 8) & 0xFF, t3 = (t >> 16) & 0xFF;
+    for (std::uint32_t& v : ctx.WorkPixels) {
+        const bool black = B_(v) < t1 && G_(v) < t2 && R_(v) < t3;
+        v = (v & 0xFF000000u) | (black ? 0u : 0x00FFFFFFu);
+    }
+}
+
+// id 19: 4x4 ordered dither on Gray3 / 16 + 1.
+void FilterOrderedDither(FilterContext& ctx) {
+    static const std::uint8_t M[4][4] = {
+        {1, 13, 4, 16}, {9, 5, 12, 8}, {3, 15, 2, 14}, {11, 7, 10, 6}};
+    const Gray3Table g3;
+    const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
+    for (std::int32_t y = 0; y < H; ++y) {
+        std::uint32_t* row = ctx.WorkPixels.data() + static_cast<std::size_t>(y) * W;
+        for (std::int32_t x = 0; x < W; ++x) {
+            const std::uint32_t v = row[x];
+            const std::uint32_t level = g3.t[B_(v) + G_(v) + R_(v)] / 16u + 1u;
+            row[x] = (v & 0xFF000000u) | (level < M[y & 3][x & 3] ? 0u : 0x00FFFFFFu);
+        }
+    }
+}
+
+// id 20: Burkes error diffusion with a damped error and a threshold at the
+// zone's mean gray.
+void FilterErrorDiffusion(FilterContext& ctx) {
+    const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
+    if (W <= 0 || H <= 0) return;
+    const Gray3Table g3;
+    const std::int32_t m =
+        static_cast<std::int32_t>(std::floor(static_cast<double>(SumGray3(ctx.WorkPixels, g3)) /
+                                             static_cast<double>(ctx.WorkPixels.size())));
+    const std::int32_t damp = RoundI(ctx.Param1);
+    if (damp == 0) throw std::domain_error("division by zero");
+    std::int32_t e8[511], e4[511], e2[511];
+    for (int e = -255; e <= 255; ++e) {
+        e8[e + 255] = e * 8 / 32;
+        e4[e + 255] = e * 4 / 32;
+        e2[e + 255] = e * 2 / 32;
+    }
+    std::vector<std::int32_t> cur(W, 0), next(W, 0);
+    for (std::int32_t y = 0; y < H; ++y) {
+        std::uint32_t* row = ctx.WorkPixels.data() + static_cast<std::size_t>(y) * W;
+        const bool hasNext = y + 1 < H;
+        for (std::int32_t x = 0; x < W; ++x) {
+            const std::uint32_t px = row[x];
+            std::int32_t v = cur[x] * 10 / damp + g3.t[B_(px) + G_(px) + R_(px)];
+            v = v < 0 ? 0 : (v > 255 ? 255 : v);
+            const std::int32_t out = v >= m ? 255 : 0;
+            row[x] = (px & 0xFF000000u) | (out ? 0x00FFFFFFu : 0u);
+            const std::int32_t e = v - out + 255;
+            if (x + 1 < W) cur[x + 1] += e8[e];
+            if (x + 2 < W) cur[x + 2] += e4[e];
+            if (hasNext) {
+                if (x - 2 >= 0) next[x - 2] += e2[e];
+                if (x - 1 >= 0) next[x - 1] += e4[e];
+                next[x] += e8[e];
+                if (x + 1 < W) next[x + 1] += e4[e];
+                if (x + 2 < W) next[x + 2] += e2[e];
+            }
+        }
+        cur.swap(next);
+        std::fill(next.begin(), next.end(), 0);
+    }
+}
+
+// id 28: per-channel stretch of min..max to 0..255.
+void FilterStretchContrast(FilterContext& ctx) {
+    if (ctx.WorkPixels.empty()) return;
+    std::uint32_t mn[3] = {255, 255, 255}, mx[3] = {0, 0, 0};
+    for (std::uint32_t v : ctx.WorkPixels)
+        for (int c = 0; c < 3; ++c) {
+            const std::uint32_t k = (v >> (8 * c)) & 0xFF;
+            mn[c] = std::min(mn[c], k);
+            mx[c] = std::max(mx[c], k);
+        }
+    std::uint8_t T[3][256];
+    for (int c = 0; c < 3; ++c) {
+        if (mn[c] == mx[c]) {
+            mn[c] = 0;
+            mx[c] = 255;
+        }
+        const double span = static_cast<double>(mx[c] - mn[c]);
+        for (int i = 0; i < 256; ++i)
+            T[c][i] = ClampByte(RoundI((static_cast<double>(i) - mn[c]) * 255.0 / span));
+    }
+    for (std::uint32_t& v : ctx.WorkPixels)
+        v = (v & 0xFF000000u) | (std::uint32_t(T[2][R_(v)]) << 16) |
+            (std::uint32_t(T[1][G_(v)]) << 8) | T[0][B_(v)];
+}
+
+// id 30: each channel pushed away from the pixel's Gray3 by the factor.
+void FilterSaturation(FilterContext& ctx) {
+    const double f = RoundI(ctx.Param1) / 100.0;
+    const Gray3Table g3;
+    for (std::uint32_t& v : ctx.WorkPixels) {
+        const std::int32_t r = R_(v), g = G_(v), b = B_(v);
+        const std::int32_t gray = g3.t[r + g + b];
+        auto sat = [&](std::int32_t c) {
+            return static_cast<std::uint32_t>(ClampByte(RoundI(c + f * (c - gray))));
+        };
+        v = (v & 0xFF000000u) | (sat(r) << 16) | (sat(g) << 8) | sat(b);
+    }
+}
+
+// id 31: out = Round(255 * (c / 255) ^ (1 / g)). The power depends on the
+// channel value only, so it is evaluated once per value.
+void FilterGamma(FilterContext& ctx) {
+    std::int32_t factor = RoundI(ctx.Param1);
+    if (factor == 0) factor = 1;
+    const double g = factor / 100.0;
+    const double e = 1.0 / g;
+    std::uint8_t T[256];
+    for (int i = 0; i < 256; ++i) {
+        const double u = i / 255.0;
+        T[i] = CheckedByte(255.0 * std::pow(u, e));
+    }
+    ApplyRGBTable(ctx.WorkPixels, T);
+}
+
+// id 34: lightness of the source pixel through HSLtoRGB with the given hue and
+// saturation. The colour depends on R + G + B only; each sum is converted once
+// and a conversion that fails does so when a pixel needs it.
+void FilterColorize(FilterContext& ctx) {
+    std::uint32_t T[766];
+    bool ok[766];
+    for (int s = 0; s < 766; ++s) {
+        float l = static_cast<float>(s / 765.0);
+        l = static_cast<float>(static_cast<double>(l) * ctx.Luminosity);
+        std::uint8_t r = 0, g = 0, b = 0;
+        ok[s] = true;
+        try {
+            HSLtoRGB(ctx.Hue, ctx.Saturation, l, r, g, b);
+        } catch (const std::range_error&) {
+            ok[s] = false;
+        }
+        T[s] = (std::uint32_t(r) << 16) | (std::uint32_t(g) << 8) | b;
+    }
+    const std::size_t n = ctx.WorkPixels.size();
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::uint32_t v = ctx.SourcePixels[i];
+        const std::uint32_t s = B_(v) + G_(v) + R_(v);
+        if (!ok[s]) throw std::range_error("byte overflow");
+        ctx.WorkPixels[i] = (v & 0xFF000000u) | T[s];
+    }
+}
+
+// id 35: alpha offset, clamped.
+void FilterTransparency(FilterContext& ctx) {
+    const std::int32_t d = RoundI(ctx.Param1);
+    for (std::uint32_t& v : ctx.WorkPixels) {
+        const std::int32_t a = static_cast<std::int32_t>(v >> 24) + d;
+        v = (v & 0x00FFFFFFu) | (std::uint32_t(ClampByte(a)) << 24);
+    }
+}
+
+// id 39: channel offsets, clamped.
+void FilterAdjustRGB(FilterContext& ctx) {
+    const std::int32_t dr = RoundI(ctx.Param2), dg = RoundI(ctx.Param3), db = RoundI(ctx.Param4);
+    std::uint8_t TR[256], TG[256], TB[256];
+    for (int i = 0; i < 256; ++i) {
+        TR[i] = ClampByte(i + dr);
+        TG[i] = ClampByte(i + dg);
+        TB[i] = ClampByte(i + db);
+    }
+    for (std::uint32_t& v : ctx.WorkPixels)
+        v = (v & 0xFF000000u) | (std::uint32_t(TR[R_(v)]) << 16) | (std::uint32_t(TG[G_(v)]) << 8) |
+            TB[B_(v)];
+}
+
+namespace {
+void MaskPixels(FilterContext& ctx, std::uint32_t keep) {
+    for (std::uint32_t& v : ctx.WorkPixels)
+        v &= keep;
+}
+
+// red = Round(red * f), at most 255; a value below 0 is a failed conversion.
+void ScaleChannel(FilterContext& ctx, int shift) {
+    const double f = ctx.Param1;
+    std::int32_t T[256];
+    for (int i = 0; i < 256; ++i) {
+        const double r = std::nearbyint(i * f);
+        T[i] = r > 255.0 ? 255 : (r < 0.0 ? -1 : static_cast<std::int32_t>(r));
+    }
+    for (std::uint32_t& v : ctx.WorkPixels) {
+        const std::int32_t t = T[(v >> shift) & 0xFF];
+        if (t < 0) throw std::range_error("byte overflow");
+        v = (v & ~(0xFFu << shift)) | (std::uint32_t(t) << shift);
+    }
+}
+} // namespace
+
+void FilterKeepRed(FilterContext& ctx) {
+    MaskPixels(ctx, 0xFFFF0000u);
+}
+void FilterKeepGreen(FilterContext& ctx) {
+    MaskPixels(ctx, 0xFF00FF00u);
+}
+void FilterKeepBlue(FilterContext& ctx) {
+    MaskPixels(ctx, 0xFF0000FFu);
+}
+void FilterRemoveRed(FilterContext& ctx) {
+    MaskPixels(ctx, 0xFF00FFFFu);
+}
+void FilterRemoveGreen(FilterContext& ctx) {
+    MaskPixels(ctx, 0xFFFF00FFu);
+}
+void FilterRemoveBlue(FilterContext& ctx) {
+    MaskPixels(ctx, 0xFFFFFF00u);
+}
+void FilterScaleRed(FilterContext& ctx) {
+    ScaleChannel(ctx, 16);
+}
+void FilterScaleGreen(FilterContext& ctx) {
+    ScaleChannel(ctx, 8);
+}
+void FilterScaleBlue(FilterContext& ctx) {
+    ScaleChannel(ctx, 0);
+}
+
+// id 50: alpha 0 for pixels near the key colour (alpha of the key unused).
+void FilterColorKey(FilterContext& ctx) {
+    const std::int32_t t = RoundI(ctx.Param1);
+    const std::int32_t d = static_cast<std::int32_t>(std::floor(768.0 - (768.0 / 100.0) * t));
+    const std::uint32_t key = static_cast<std::uint32_t>(RoundI(ctx.Param2));
+    const std::int32_t kb = key & 0xFF, kg = (key >> 8) & 0xFF, kr = (key >> 16) & 0xFF;
+    for (std::uint32_t& v : ctx.WorkPixels) {
+        bool hit;
+        if (d != 0) {
+            hit = std::abs(static_cast<std::int32_t>(G_(v)) - kg) +
+                      std::abs(static_cast<std::int32_t>(B_(v)) - kb) +
+                      std::abs(static_cast<std::int32_t>(R_(v)) - kr) <=
+                  d;
+        } else {
+            hit = (v & 0x00FFFFFFu) == (key & 0x00FFFFFFu);
+        }
+        if (hit) v &= 0x00FFFFFFu;
+    }
+}
+
+// id 51: pixels near the source colour (alpha included) become the
+// destination colour, alpha included.
+void FilterColorReplace(FilterContext& ctx) {
+    const std::int32_t t = RoundI(ctx.Param1);
+    const std::int32_t d = static_cast<std::int32_t>(std::floor(1024.0 - 10.24 * t));
+    const std::uint32_t src = static_cast<std::uint32_t>(RoundI(ctx.Param2));
+    const std::uint32_t dst = static_cast<std::uint32_t>(RoundI(ctx.Param3));
+    for (std::uint32_t& v : ctx.WorkPixels) {
+        bool hit;
+        if (d != 0) {
+            std::int32_t sum = 0;
+            for (int c = 0; c < 32; c += 8)
+                sum += std::abs(static_cast<std::int32_t>((v >> c) & 0xFF) -
+                                static_cast<std::int32_t>((src >> c) & 0xFF));
+            hit = sum <= d;
+        } else {
+            hit = v == src;
+        }
+        if (hit) v = dst;
+    }
+}
+
+// id 58: histogram equalisation of the mean intensity, one table for all
+// three channels.
+void FilterEqualize(FilterContext& ctx) {
+    if (ctx.WorkPixels.empty()) return;
+    std::uint8_t bin[766];
+    for (int s = 0; s < 766; ++s)
+        bin[s] = static_cast<std::uint8_t>(RoundI(s / 3.0));
+    std::int64_t hist[256] = {};
+    for (std::uint32_t v : ctx.WorkPixels)
+        ++hist[bin[B_(v) + G_(v) + R_(v)]];
+    const double N = static_cast<double>(ctx.WorkPixels.size());
+    std::uint8_t L[256];
+    double C = 0.0;
+    for (int i = 0; i < 256; ++i) {
+        C += static_cast<double>(hist[i]);
+        L[i] = static_cast<std::uint8_t>(RoundI(std::min(std::max(C * 255.0 / N, 0.0), 255.0)));
+    }
+    ApplyRGBTable(ctx.WorkPixels, L);
+}
+
+} // namespace kestrelyn
