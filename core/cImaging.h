@@ -2,6 +2,7 @@
 // implements every operation (declared from the same lists as Imaging's).
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,7 +21,7 @@ struct cGDIPPropertyItem {
 };
 
 class cImaging {
-public:
+  public:
     cImaging();
     ~cImaging();
     cImaging(const cImaging&) = delete;
@@ -46,6 +47,32 @@ public:
     GpGraphics* GetGraphics(std::int32_t nImageID);
     // Makes nNewImageID the content of the native image (keeps its id).
     void CommitNativeImage(std::int32_t nNewImageID);
+
+    // The frame of an edit of the native image: with no native image the
+    // status is 1; otherwise capture the facts, let fnMake build a new image
+    // from the native one and register it (its id in nNewImageID), restore the
+    // facts on it and put it under the native image's id. Every step's status
+    // goes to nStatus; the first failure ends the work (a registered new image
+    // is then released). Returns nStatus.
+    using MakeImageFn =
+        std::function<KestrelynStatus(std::int32_t nSourceID, std::int32_t& nNewImageID)>;
+    KestrelynStatus EditNativeImage(const MakeImageFn& fnMake, bool bSkipProfile = false);
+    // The same with the work on engine images: fnMake receives the native
+    // image's engine image and returns a new engine image, registered here.
+    using MakeEngineImageFn = std::function<KestrelynStatus(GpImage* pSource, GpImage*& pResult)>;
+    KestrelynStatus EditNativeEngineImage(const MakeEngineImageFn& fnMake,
+                                          bool bSkipProfile = false);
+    // The id an operation acts on: nImageID, or the native image for 0.
+    std::int32_t TargetImage(std::int32_t nImageID) const {
+        return nImageID != 0 ? nImageID : nNativeImage;
+    }
+    // Writes both resolutions (tags 282 and 283 as rationals, then the engine
+    // values); unless bNoMark the image is marked modified. Unknown id: 2.
+    KestrelynStatus SetResolution(std::int32_t nImageID, float nX, float nY, bool bNoMark);
+    // An independent copy (own pixel buffer) of an image in nFormat (0 = its
+    // own format); palette, resolutions and, with bCopyTags, tags copied.
+    // Returns the new id or 0; the outcome goes to nStatus.
+    std::int32_t CloneIndependent(std::int32_t nImageID, PixelFormat nFormat, bool bCopyTags);
 
     // --- state, in the order the object holds it ---
     std::vector<cGDIPPropertyItem> arPropertyItems;
@@ -85,5 +112,12 @@ struct EngineState {
 EngineState& ThreadEngineState();
 bool StartEngine();
 void StopEngine();
+// Work done once per thread when the engine starts (the encoder table, for
+// instance). Hooks are registered for the process and run in order of
+// registration, after the engine answered and before the version reads.
+using EngineStartHook = void (*)(EngineState& state);
+void RegisterEngineStartHook(EngineStartHook pHook);
+// The leading number of a version text ("1.0.0.0" gives 1, "Unknown" 0).
+double VersionValue(const std::string& sVersion);
 
 } // namespace kestrelyn

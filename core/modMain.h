@@ -12,15 +12,15 @@ namespace kestrelyn {
 
 // Where an image's pixels came from; decides what its release frees.
 enum ImageKind : std::int32_t {
-    KindEngine = 0,        // clone, stream, metafile, adopted engine image, multi-page head
-    KindDib = 2,           // made from a DIB; hMemory freed after the image
-    KindPlugin = 3,        // plug-in bitmap or multi-bitmap
+    KindEngine = 0, // clone, stream, metafile, adopted engine image, multi-page head
+    KindDib = 2,    // made from a DIB; hMemory freed after the image
+    KindPlugin = 3, // plug-in bitmap or multi-bitmap
     KindHBitmap = 4,
     KindHIcon = 5,
-    KindEngineFile = 6,    // decoded by the engine from a file it keeps open
-    KindRawBits = 7,       // raw bits the record does not own; every new empty bitmap
-    KindPluginPage = 8,    // locked page of a plug-in multi-bitmap
-    KindOwnedBits = 9,     // raw bits the record owns (freed with GdipFree)
+    KindEngineFile = 6, // decoded by the engine from a file it keeps open
+    KindRawBits = 7,    // raw bits the record does not own; every new empty bitmap
+    KindPluginPage = 8, // locked page of a plug-in multi-bitmap
+    KindOwnedBits = 9,  // raw bits the record owns (freed with GdipFree)
 };
 
 struct ImageRecord {
@@ -84,6 +84,35 @@ KestrelynStatus CreateBitmap(std::int32_t nWidth, std::int32_t nHeight, std::int
                              std::int32_t nPixelFormat, void* nBits, std::int32_t& nImageID,
                              bool bOwnsBits);
 std::string MakeTempFileName();
+
+// A new image id from the thread's clock-seeded generator: 1 .. 100000000.
+std::int32_t NewImageId();
+// The format name of an engine image by its raw format ("Memory BMP", "JPEG",
+// ...; "Undefined" for an unknown one).
+std::string FormatNameFromRawFormat(const GUID& rawFormat);
+std::string EngineFormatName(GpImage* pImage);
+
+// What a release must do to the codec plug-in's objects. The plug-in bridge
+// fills these when it loads the plug-in; while none is loaded they stay null
+// and the registry skips those steps. Process-wide: the library is loaded once.
+struct PluginReleaseHooks {
+    void (*CloseFileHandle)(std::uintptr_t nPlugFile) = nullptr;
+    void (*Unload)(std::uintptr_t nPlugBitmap) = nullptr;
+    void (*CloseMultiBitmap)(std::uintptr_t nPlugBitmap, std::int32_t nFlags) = nullptr;
+    void (*UnlockPage)(std::uintptr_t nPlugBitmap, std::int32_t nPlugPage,
+                       std::int32_t bChanged) = nullptr;
+};
+PluginReleaseHooks& PluginHooks();
+
+// Stores the current page of an editable multi-page image in a file: TIFF by
+// the page rule of the multi-page store (bGif false) or PNG (bGif true). The
+// multi-page store installs it; returns the outcome. Without one, ReplaceImage
+// keeps the replacement page in memory only (its file name stays empty and the
+// page stays marked modified).
+using PageStoreFn = KestrelynStatus (*)(std::int32_t nHeadImageID, std::int32_t nPageImageID,
+                                        const std::string& sFilePath, bool bGif);
+void SetPageStoreHook(PageStoreFn pStore);
+PageStoreFn GetPageStoreHook();
 
 // Row stride in bytes of a width at a depth (0 for an unknown depth or a width
 // below 1); the 48-bit mask yields a multiple of 8.

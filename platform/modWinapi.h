@@ -44,6 +44,8 @@ public:
     virtual HBITMAP GrabWindow(HWND hWnd) = 0;
     // A file chosen by the user; false when no dialog can be shown.
     virtual bool OpenFileDialog(const std::string& sFilter, std::string& sChosen) = 0;
+    // The desktop window of the display; 0 when no display exists.
+    virtual HWND DesktopWindow() { return 0; }
 };
 
 // The services in use on this thread of the process. Without a registered

@@ -63,6 +63,38 @@ enum UnitMode : std::int32_t {
     UnitMillimeter = 6,
 };
 
+// An engine image as the host layer hands it out (GetGdiplusImage); opaque to
+// applications.
+struct GpImage;
+
+// A two-dimensional array of 32-bit pixels whose first index is the column:
+// at(x, y). The first index runs fastest in memory, so the storage is the
+// image's rows one after another (a row holds nColumns elements).
+struct PixelArray2D {
+    std::int32_t nColumns = 0;
+    std::int32_t nRows = 0;
+    std::vector<std::int32_t> arData; // nColumns * nRows, row after row
+
+    PixelArray2D() = default;
+    PixelArray2D(std::int32_t nCols, std::int32_t nRowCount)
+        : nColumns(nCols), nRows(nRowCount),
+          arData(static_cast<std::size_t>(nCols) * static_cast<std::size_t>(nRowCount)) {}
+    std::int32_t& at(std::int32_t x, std::int32_t y) {
+        return arData[static_cast<std::size_t>(y) * static_cast<std::size_t>(nColumns) +
+                      static_cast<std::size_t>(x)];
+    }
+    std::int32_t at(std::int32_t x, std::int32_t y) const {
+        return arData[static_cast<std::size_t>(y) * static_cast<std::size_t>(nColumns) +
+                      static_cast<std::size_t>(x)];
+    }
+    // Gives the array exactly these bounds (contents are not kept).
+    void Reshape(std::int32_t nCols, std::int32_t nRowCount) {
+        nColumns = nCols;
+        nRows = nRowCount;
+        arData.assign(static_cast<std::size_t>(nCols) * static_cast<std::size_t>(nRowCount), 0);
+    }
+};
+
 // A byte stream with shared ownership (reading, writing, seeking, size).
 // Memory and file implementations come with the library; an application may
 // supply its own.
