@@ -1,0 +1,218 @@
+// Fonts by reference: lookup of installed fonts, metrics in thousandths of
+// the em, font objects, text widths, and text as readers see it.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <regex>
+
+#include "PdfTestSupport.h"
+#include "pdf/cPDF.h"
+
+namespace kestrelyn {
+namespace {
+
+using namespace pdftest;
+
+TEST(PdfFonts, LookupIgnoresCaseAndBlanksAndKeepsTheInstalledSpelling) {
+    std::string sName;
+    ASSERT_TRUE(cPDF::FindInstalledFont("arial", sName));
+    EXPECT_EQ(sName, "Arial");
+    sName.clear();
+    ASSERT_TRUE(cPDF::FindInstalledFont("A R I A L", sName));
+    EXPECT_EQ(sName, "Arial");
+    ASSERT_TRUE(cPDF::FindInstalledFont("timesnewroman", sName));
+    EXPECT_EQ(sName, "Times New Roman");
+    ASSERT_TRUE(cPDF::FindInstalledFont("COURIER new", sName));
+    EXPECT_EQ(sName, "Courier New");
+    ASSERT_TRUE(cPDF::FindInstalledFont("liberationsans", sName));
+    EXPECT_EQ(sName, "Liberation Sans");
+    EXPECT_FALSE(cPDF::FindInstalledFont("No Such Font Anywhere", sName));
+    EXPECT_FALSE(cPDF::FindInstalledFont("   ", sName));
+}
+
+TEST(PdfFonts, ArialMetricsInThousandthsOfTheEm) {
+    PdfFontRecord oFont;
+    ASSERT_TRUE(cPDF::ReadFontMetrics("Arial", false, false, false, oFont));
+    EXPECT_EQ(oFont.sName, "Arial");
+    EXPECT_EQ(oFont.nFirstChar, 32);
+    EXPECT_EQ(oFont.nLastChar, 255);
+    // The advances of the metric-compatible face are those of Arial.
+    EXPECT_EQ(oFont.arWidths[' '], 278);
+    EXPECT_EQ(oFont.arWidths['a'], 556);
+    EXPECT_EQ(oFont.arWidths['i'], 222);
+    EXPECT_EQ(oFont.arWidths['W'], 944);
+    EXPECT_EQ(oFont.arWidths['0'], 556);
+    EXPECT_EQ(oFont.arWidths[0x80], 556); // the euro sign, through the code page
+    EXPECT_EQ(oFont.arWidths[0xE9], 556); // e acute
+    EXPECT_EQ(oFont.nAscent, 905);
+    EXPECT_EQ(oFont.nDescent, 212);
+    EXPECT_EQ(oFont.nCapHeight, oFont.nAscent);
+    EXPECT_EQ(oFont.nFlags, 32);
+    EXPECT_EQ(oFont.nItalicAngle, 0);
+    EXPECT_EQ(oFont.nStemV, 0);
+    EXPECT_GT(oFont.nMaxWidth, 1000);
+    EXPECT_GT(oFont.nAvgWidth, 300);
+    EXPECT_LT(oFont.nAvgWidth, 600);
+    // The code before the first is code 0, which has no glyph: the missing-glyph advance.
+    EXPECT_GT(oFont.nMissingWidth, 0);
+}
+
+TEST(PdfFonts, StyleNamesAndMonospacedWidths) {
+    PdfFontRecord oFont;
+    ASSERT_TRUE(cPDF::ReadFontMetrics("Times New Roman", true, true, false, oFont));
+    EXPECT_EQ(oFont.sName, "TimesNewRoman,BoldItalic");
+    EXPECT_EQ(oFont.nItalicAngle, -11);
+    EXPECT_EQ(oFont.arWidths['a'], 500);
+    EXPECT_EQ(oFont.arWidths['W'], 889);
+    ASSERT_TRUE(cPDF::ReadFontMetrics("Arial", true, false, false, oFont));
+    EXPECT_EQ(oFont.sName, "Arial,Bold");
+    EXPECT_EQ(oFont.arWidths['a'], 556);
+    EXPECT_EQ(oFont.arWidths['b'], 611); // bold advances differ from regular (556)
+    ASSERT_TRUE(cPDF::ReadFontMetrics("Courier New", false, true, false, oFont));
+    EXPECT_EQ(oFont.sName, "CourierNew,Italic");
+    for (int c = oFont.nFirstChar; c <= oFont.nLastChar; ++c) {
+        if (c != 0x81 && c != 0x8D && c != 0x8F && c != 0x90 && c != 0x9D) {
+            EXPECT_EQ(oFont.arWidths[c], 600) << c;
+        }
+    }
+}
+
+TEST(PdfFonts, FontObjectsAndDescriptor) {
+    const std::string sPath = ScratchPath("fonts.pdf");
+    cPDF oPdf;
+    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    EXPECT_EQ(oPdf.LoadFont("arial", false, false), 1);
+    EXPECT_EQ(oPdf.LoadFont("No Such Font Anywhere", false, false), 0);
+    EXPECT_EQ(oPdf.LoadFont("Arial", false, false), 2); // no reuse: a second font
+    oPdf.BeginPage();
+    oPdf.ClosePdfFile();
+    const std::string sFile = ReadFileBytes(sPath);
+
+    PdfFontRecord oFont;
+    ASSERT_TRUE(cPDF::ReadFontMetrics("Arial", false, false, false, oFont));
+    std::string sWidths;
+    for (int c = 32; c <= 255; ++c)
+        sWidths += std::to_string(oFont.arWidths[c]) + " ";
+    EXPECT_EQ(ObjectText(sFile, 5),
+              "5 0 obj\r\n<</Type/Font/Subtype/TrueType/Name/Font1/BaseFont/Arial/FirstChar 32"
+              "/LastChar 255/FontDescriptor 6 0 R/Encoding/WinAnsiEncoding/Widths [" +
+                  sWidths + "] >>\r\nendobj");
+    const int M = oFont.nMaxWidth;
+    const int a = static_cast<int>(std::nearbyint(-0.2 * M));
+    const int c = M - static_cast<int>(std::nearbyint(0.2 * M));
+    EXPECT_EQ(ObjectText(sFile, 6),
+              "6 0 obj\r\n<<\r/Type /FontDescriptor\r/FontName /Arial\r/MissingWidth " +
+                  std::to_string(oFont.nMissingWidth) + "\r/Ascent 905\r/Descent -212\r/AvgWidth " +
+                  std::to_string(oFont.nAvgWidth) +
+                  "\r/CapHeight 905\r/StemV 0\r/ItalicAngle 0\r/Flags 32\r/MaxWidth  " +
+                  std::to_string(M) + "\r/FontBBox [ " + std::to_string(a) + " -212 " +
+                  std::to_string(c) + " 905]\r>>\r\nendobj");
+    EXPECT_NE(ObjectText(sFile, 7).find("/Name/Font2/BaseFont/Arial/"), std::string::npos);
+    EXPECT_NE(sFile.find("<</Font<</Font1 5 0 R \r/Font2 7 0 R \r>>/ProcSet [/PDF/Text ]>>"),
+              std::string::npos);
+    KY_REQUIRE_TOOL("qpdf");
+    ExpectQpdfCheck(sPath);
+}
+
+TEST(PdfFonts, TextWidthWithSpacingAndScaling) {
+    const std::string sPath = ScratchPath("widths.pdf");
+    cPDF oPdf;
+    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    const std::int32_t nFont = oPdf.LoadFont("Arial", false, false);
+    ASSERT_EQ(nFont, 1);
+    EXPECT_EQ(oPdf.TextWidth("abc", 2, 10), 0.0f); // unknown font
+    // a 556 + W 944 + i 222 at 10 points.
+    EXPECT_FLOAT_EQ(oPdf.TextWidth("aWi", nFont, 10), 17.22f);
+    const float nPlain = oPdf.TextWidth("a b c d", nFont, 12);
+    oPdf.BeginPage();
+    oPdf.SetWordSpacing(2);
+    EXPECT_FLOAT_EQ(oPdf.TextWidth("a b c d", nFont, 12), nPlain + 6);
+    oPdf.SetCharSpacing(1);
+    EXPECT_FLOAT_EQ(oPdf.TextWidth("a b c d", nFont, 12), nPlain + 6 + 7);
+    oPdf.SetTextHorizontalScaling(50);
+    EXPECT_FLOAT_EQ(oPdf.TextWidth("a b c d", nFont, 12), (nPlain + 13) / 2);
+    // A new page resets spacing and scaling.
+    oPdf.BeginPage();
+    EXPECT_FLOAT_EQ(oPdf.TextWidth("a b c d", nFont, 12), nPlain);
+    // UTF-8 text is measured in the code page: e acute is one character.
+    EXPECT_FLOAT_EQ(oPdf.TextWidth("\xC3\xA9", nFont, 1000), 556);
+    // Code 0 lies below the first code and counts the missing width.
+    PdfFontRecord oFont;
+    ASSERT_TRUE(cPDF::ReadFontMetrics("Arial", false, false, false, oFont));
+    EXPECT_FLOAT_EQ(oPdf.TextWidth(std::string(1, '\0'), nFont, 1000),
+                    static_cast<float>(oFont.nMissingWidth));
+    oPdf.ClosePdfFile();
+}
+
+TEST(PdfFonts, DrawTextOperatorsAlignAndRotation) {
+    const std::string sPath = ScratchPath("drawtext.pdf");
+    cPDF oPdf;
+    oPdf.CompressData(false);
+    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    const std::int32_t nFont = oPdf.LoadFont("Courier New", false, false);
+    ASSERT_EQ(nFont, 1);
+    oPdf.DrawText(100, 200, "ab", 0, 10); // no font 0
+    oPdf.DrawText(100, 200, "ab", 2, 10); // no font 2
+    EXPECT_EQ(oPdf.Pages(), 0);
+    oPdf.DrawText(100, 200, "a(b)\\", nFont, 10);
+    oPdf.DrawText(100, 200, "ab", nFont, 10, 1); // right: 2 * 6 points to the left
+    oPdf.DrawText(100, 200, "ab", nFont, 10, 2); // centred
+    oPdf.DrawText(100, 200, "x", nFont, 12.5f, 0, 90);
+    oPdf.ClosePdfFile();
+    const std::string sFile = ReadFileBytes(sPath);
+    // Fonts are 5 and 6; the page is 7 and its content 8.
+    EXPECT_EQ(StreamOfObject(sFile, 8),
+              "BT\r\n/Font1 10 Tf\r\n100 200 Td\r\n(a\\(b\\)\\\\) Tj\r\nET\r\n"
+              "BT\r\n/Font1 10 Tf\r\n88 200 Td\r\n(ab) Tj\r\nET\r\n"
+              "BT\r\n/Font1 10 Tf\r\n94 200 Td\r\n(ab) Tj\r\nET\r\n"
+              "BT\r\n/Font1 12.5 Tf\r\n0 1 -1 0 100 200 Tm\r\n(x) Tj\r\nET\r\n");
+    KY_REQUIRE_TOOL("qpdf");
+    ExpectQpdfCheck(sPath);
+}
+
+TEST(PdfFonts, ReadersSeeTheFontsAndTheText) {
+    KY_REQUIRE_TOOL("pdffonts");
+    KY_REQUIRE_TOOL("pdftotext");
+    const std::string sPath = ScratchPath("readers.pdf");
+    cPDF oPdf;
+    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    const std::int32_t nArial = oPdf.LoadFont("Arial", false, false);
+    const std::int32_t nTimes = oPdf.LoadFont("Times New Roman", true, false);
+    oPdf.DrawText(72, 700, "Hello (PDF) world", nArial, 14);
+    oPdf.DrawText(72, 650, "Caf\xC3\xA9 \xE2\x82\xAC 42", nTimes, 14);
+    oPdf.BeginPage();
+    oPdf.DrawText(72, 700, "Second page", nArial, 12);
+    oPdf.ClosePdfFile();
+    ExpectQpdfCheck(sPath);
+
+    const CommandResult oFonts = RunCommand("pdffonts " + Quote(sPath));
+    ASSERT_EQ(oFonts.nExit, 0) << oFonts.sOutput;
+    EXPECT_TRUE(
+        std::regex_search(oFonts.sOutput, std::regex("\nArial +TrueType +WinAnsi +no +no +no ")))
+        << oFonts.sOutput;
+    EXPECT_TRUE(std::regex_search(
+        oFonts.sOutput, std::regex("\nTimesNewRoman,Bold +TrueType +WinAnsi +no +no +no ")))
+        << oFonts.sOutput;
+
+    const CommandResult oPage1 = RunCommand("pdftotext -f 1 -l 1 " + Quote(sPath) + " -");
+    EXPECT_NE(oPage1.sOutput.find("Hello (PDF) world"), std::string::npos) << oPage1.sOutput;
+    EXPECT_NE(oPage1.sOutput.find("Caf\xC3\xA9 \xE2\x82\xAC 42"), std::string::npos)
+        << oPage1.sOutput;
+    const CommandResult oPage2 = RunCommand("pdftotext -f 2 -l 2 " + Quote(sPath) + " -");
+    EXPECT_NE(oPage2.sOutput.find("Second page"), std::string::npos) << oPage2.sOutput;
+
+    KY_REQUIRE_TOOL("pdftoppm");
+    const GrayPage oPage = RenderGray(sPath, 1);
+    // Some ink where the first line of text stands, none above it.
+    int nInk = 0, nAbove = 0;
+    for (int x = 72; x < 200; ++x)
+        for (int y = 700; y < 712; ++y) {
+            nInk += oPage.AtPdf(x, y) < 128;
+            nAbove += oPage.AtPdf(x, y + 20) < 128;
+        }
+    EXPECT_GT(nInk, 50);
+    EXPECT_EQ(nAbove, 0);
+}
+
+} // namespace
+} // namespace kestrelyn
