@@ -1,6 +1,8 @@
 // Graphics contexts on images and device contexts over them.
 #include "platform/linux/engine/EngineGraphics.h"
 
+#include <cairo.h>
+
 #include <cstring>
 #include <mutex>
 #include <unordered_map>

@@ -1,12 +1,15 @@
 // The engine's drawing context. Drawing code of the engine reaches cairo
 // through `cr`; the fields below are the context's own state and may grow.
 #pragma once
-#include <cairo.h>
-
 #include <cstdint>
 #include <vector>
 
 #include "platform/linux/engine/EngineImage.h"
+
+// cairo's own handle types, declared here so that users of this header do not
+// need cairo's include directory.
+typedef struct _cairo cairo_t;
+typedef struct _cairo_surface cairo_surface_t;
 
 namespace kestrelyn {
 
