@@ -3,6 +3,7 @@
 // by qpdf and pdfinfo.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <regex>
 
 #include "PdfTestSupport.h"
@@ -12,6 +13,18 @@ namespace kestrelyn {
 namespace {
 
 using namespace pdftest;
+
+// Scratch files go when the tests end, unless KY_KEEP_TEST_FILES is set.
+class ScratchCleanup : public ::testing::Environment {
+  public:
+    void TearDown() override {
+        if (std::getenv("KY_KEEP_TEST_FILES")) return;
+        std::error_code oError;
+        std::filesystem::remove_all(ScratchDir(), oError);
+    }
+};
+[[maybe_unused]] ::testing::Environment* const pScratchCleanup =
+    ::testing::AddGlobalTestEnvironment(new ScratchCleanup);
 
 const std::string kProducer = "Kestrelyn ActiveX 5.13.09 edition. - https://kestrelyn.invalid";
 
