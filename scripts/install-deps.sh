@@ -16,6 +16,7 @@ PACKAGES=(
   qpdf poppler-utils libtiff-tools imagemagick python3 python3-pil python3-numpy
   python3-opencv libvips-tools img2pdf libimage-exiftool-perl liblcms2-utils
   libjpeg-turbo-progs zbar-tools openssl golang-1.19-src
+  argyll
 )
 
 missing=()
