@@ -11,10 +11,12 @@
 using namespace kytest;
 
 namespace {
-std::uint32_t At(const std::vector<std::uint32_t>& v, int x, int y, int w = 5) { return v[y * w + x]; }
+std::uint32_t At(const std::vector<std::uint32_t>& v, int x, int y, int w = 5) {
+    return v[y * w + x];
+}
 
-void ExpectBordersKept(const std::vector<std::uint32_t>& in, const std::vector<std::uint32_t>& out, int w, int h,
-                       int frame) {
+void ExpectBordersKept(const std::vector<std::uint32_t>& in, const std::vector<std::uint32_t>& out,
+                       int w, int h, int frame) {
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x)
             if (x < frame || y < frame || x >= w - frame || y >= h - frame) {
@@ -81,7 +83,8 @@ TEST(InPlaceFilters, SoftenAndItsFailures) {
 
 TEST(InPlaceFilters, NarrowZonesAreLeftAlone) {
     std::vector<std::uint32_t> two(10);
-    for (int i = 0; i < 10; ++i) two[i] = Gray(static_cast<std::uint32_t>(i * 20));
+    for (int i = 0; i < 10; ++i)
+        two[i] = Gray(static_cast<std::uint32_t>(i * 20));
     for (std::int32_t id : {1, 3, 5, 6, 7, 13, 25, 26, 27, 33, 61, 24, 63}) {
         EXPECT_EQ(Apply({id, 2}, two, 5, 2), two) << id;
         EXPECT_EQ(Apply({id, 2}, two, 2, 5), two) << id;
@@ -95,8 +98,10 @@ TEST(ReliefFilters, EmbossDropsRedAndDoublesGreen) {
     EXPECT_EQ(At(out, 1, 0), Px(255, 100, 20, 20));
     EXPECT_EQ(At(out, 1, 1), Px(255, 0, 120, 120));
     EXPECT_EQ(At(out, 2, 1), Px(255, 100, 220, 220));
-    for (int y = 0; y < 4; ++y) EXPECT_EQ(At(out, 4, y), Gray(100));
-    for (int x = 0; x < 5; ++x) EXPECT_EQ(At(out, x, 3), Gray(100));
+    for (int y = 0; y < 4; ++y)
+        EXPECT_EQ(At(out, 4, y), Gray(100));
+    for (int x = 0; x < 5; ++x)
+        EXPECT_EQ(At(out, x, 3), Gray(100));
 }
 
 TEST(ReliefFilters, EngraveSwapsRedAndBlue) {
@@ -172,10 +177,12 @@ TEST(TwoBufferFilters, ConnectedContour) {
 }
 
 TEST(MedianFilters, ThreeByThreeOnAHandPattern) {
-    const std::uint32_t R[4][5] = {{9, 1, 8, 2, 7}, {3, 6, 4, 5, 0}, {200, 100, 150, 50, 250}, {0, 0, 0, 0, 0}};
+    const std::uint32_t R[4][5] = {
+        {9, 1, 8, 2, 7}, {3, 6, 4, 5, 0}, {200, 100, 150, 50, 250}, {0, 0, 0, 0, 0}};
     std::vector<std::uint32_t> in(20);
     for (int y = 0; y < 4; ++y)
-        for (int x = 0; x < 5; ++x) in[y * 5 + x] = Px(0x40, R[y][x], 255 - R[y][x], R[y][x]);
+        for (int x = 0; x < 5; ++x)
+            in[y * 5 + x] = Px(0x40, R[y][x], 255 - R[y][x], R[y][x]);
     auto out = Apply({61}, in, 5, 4);
     const std::uint32_t want[2][3] = {{8, 6, 7}, {4, 5, 4}};
     for (int y = 1; y <= 2; ++y)
@@ -203,7 +210,8 @@ TEST(MedianFilters, WideImagesMatchAPlainSort) {
     std::mt19937 gen(7);
     const int w = 23, h = 9;
     std::vector<std::uint32_t> in(w * h);
-    for (auto& p : in) p = gen();
+    for (auto& p : in)
+        p = gen();
     for (int r : {1, 2}) {
         auto out = Apply({r == 1 ? 61 : 63}, in, w, h);
         for (int y = r; y < h - r; ++y)
@@ -212,7 +220,8 @@ TEST(MedianFilters, WideImagesMatchAPlainSort) {
                 for (int sh = 0; sh < 24; sh += 8) {
                     std::vector<std::uint32_t> v;
                     for (int dy = -r; dy <= r; ++dy)
-                        for (int dx = -r; dx <= r; ++dx) v.push_back((in[(y + dy) * w + x + dx] >> sh) & 0xFF);
+                        for (int dx = -r; dx <= r; ++dx)
+                            v.push_back((in[(y + dy) * w + x + dx] >> sh) & 0xFF);
                     std::sort(v.begin(), v.end());
                     want |= v[v.size() / 2] << sh;
                 }
@@ -226,7 +235,8 @@ TEST(TwoBufferFilters, WideDilateAndErodeMatchWindowExtremes) {
     std::mt19937 gen(11);
     const int w = 19, h = 6;
     std::vector<std::uint32_t> in(w * h);
-    for (auto& p : in) p = gen();
+    for (auto& p : in)
+        p = gen();
     auto dil = Apply({25}, in, w, h), ero = Apply({26}, in, w, h);
     for (int y = 1; y < h - 1; ++y)
         for (int x = 1; x < w - 1; ++x) {
@@ -262,7 +272,8 @@ TEST(TwoBufferFilters, AquaPicksTheCalmestSquare) {
 
 TEST(Diffuse, SmallParameterStepsOnlyRightAndDown) {
     std::vector<std::uint32_t> in(20);
-    for (int i = 0; i < 20; ++i) in[i] = Px(static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(i), 0, 0);
+    for (int i = 0; i < 20; ++i)
+        in[i] = Px(static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(i), 0, 0);
     kestrelyn::SeedFilterRandom(1234);
     auto a = Apply({4, 1}, in, 5, 4);
     kestrelyn::SeedFilterRandom(1234);
@@ -273,7 +284,7 @@ TEST(Diffuse, SmallParameterStepsOnlyRightAndDown) {
         for (int x = 0; x < 5; ++x) {
             const std::uint32_t p = a[y * 5 + x];
             EXPECT_EQ(p >> 24, static_cast<std::uint32_t>(y * 5 + x)); // alpha stays
-            const int src = static_cast<int>(Red(p));                  // original index it came from
+            const int src = static_cast<int>(Red(p)); // original index it came from
             const int sx = src % 5, sy = src / 5;
             // A copy of a copy can only travel further right and down.
             EXPECT_GE(sx, x);

@@ -92,7 +92,8 @@ TEST(PointFilters, GammaTableAndZeroFactor) {
 }
 
 TEST(PointFilters, SepiaFromTheLightness) {
-    auto out = Apply({34}, {Px(5, 127, 127, 127), Px(6, 0, 0, 0), Px(7, 255, 255, 255)}, 3, 1, 0.5f, 0.25f, 1.0f);
+    auto out = Apply({34}, {Px(5, 127, 127, 127), Px(6, 0, 0, 0), Px(7, 255, 255, 255)}, 3, 1, 0.5f,
+                     0.25f, 1.0f);
     EXPECT_EQ(out[0], Px(5, 159, 127, 95));
     EXPECT_EQ(out[1], Px(6, 0, 0, 0));
     EXPECT_EQ(out[2], Px(7, 255, 255, 255));
@@ -131,11 +132,13 @@ TEST(PointFilters, ScaleChannelRoundsAndLimits) {
 
 TEST(PointFilters, ColorKeyThresholds) {
     const double key = static_cast<std::int32_t>(0xFF102030u);
-    const std::vector<std::uint32_t> px = {Px(255, 0x10, 0x20, 0x30), Px(255, 0x10, 0x20, 0x31), Px(255, 255, 255, 255)};
+    const std::vector<std::uint32_t> px = {Px(255, 0x10, 0x20, 0x30), Px(255, 0x10, 0x20, 0x31),
+                                           Px(255, 255, 255, 255)};
     auto exact = Apply({50, 100, key}, px, 3, 1);
     EXPECT_EQ(exact, (std::vector<std::uint32_t>{Px(0, 0x10, 0x20, 0x30), px[1], px[2]}));
     auto all = Apply({50, 0, key}, px, 3, 1);
-    for (std::uint32_t p : all) EXPECT_EQ(p >> 24, 0u);
+    for (std::uint32_t p : all)
+        EXPECT_EQ(p >> 24, 0u);
     // 50: d = 384; white is 0xEF + 0xDF + 0xCF = 669 away.
     auto half = Apply({50, 50, key}, px, 3, 1);
     EXPECT_EQ(half[1] >> 24, 0u);
@@ -143,7 +146,8 @@ TEST(PointFilters, ColorKeyThresholds) {
 }
 
 TEST(PointFilters, ColorReplaceComparesAlpha) {
-    const double src = static_cast<std::int32_t>(0xFF102030u), dst = static_cast<std::int32_t>(0x40ABCDEFu);
+    const double src = static_cast<std::int32_t>(0xFF102030u),
+                 dst = static_cast<std::int32_t>(0x40ABCDEFu);
     auto out = Apply({51, 100, src, dst}, {0xFF102030u, 0x80102030u}, 2, 1);
     EXPECT_EQ(out[0], 0x40ABCDEFu);
     EXPECT_EQ(out[1], 0x80102030u);
@@ -170,7 +174,8 @@ TEST(PointFilters, ChannelPermutationsAsNamed) {
 
 TEST(FilterTable, FreeAndOutOfRangeIdentifiersRunNothing) {
     const std::vector<std::uint32_t> px = {Px(1, 2, 3, 4), Px(5, 6, 7, 8)};
-    for (std::int32_t id : {0, 21, 22, 23, 71, -3}) EXPECT_EQ(Apply({id, 5}, px, 2, 1), px) << id;
+    for (std::int32_t id : {0, 21, 22, 23, 71, -3})
+        EXPECT_EQ(Apply({id, 5}, px, 2, 1), px) << id;
     EXPECT_EQ(kestrelyn::FindFilterFunction(21), nullptr);
     EXPECT_TRUE(kestrelyn::FilterReadsSource(61));
     EXPECT_FALSE(kestrelyn::FilterReadsSource(3));
