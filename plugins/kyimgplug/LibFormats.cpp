@@ -5,7 +5,9 @@
 #include <cstring>
 
 #include <gif_lib.h>
+extern "C" {
 #include <jbig.h>
+}
 #include <jpeglib.h>
 #include <libraw/libraw.h>
 #include <openjpeg.h>

@@ -5,7 +5,9 @@
 #include <cstring>
 #include <map>
 
+extern "C" {
 #include <jbig.h>
+}
 #include <jpeglib.h>
 #include <openjpeg.h>
 #include <png.h>
