@@ -88,9 +88,9 @@ TEST(ColorModels, HSLToRGBSextants) {
     EXPECT_EQ(b, 255);
     EXPECT_EQ(r, 0);
     HSLtoRGB(2.5f, 0.5f, 0.25f, r, g, b); // p 0.125, q 0.375, e 0.125: b = 0.25
-    EXPECT_EQ(r, 32);                      // 31.875
-    EXPECT_EQ(g, 96);                      // 95.625
-    EXPECT_EQ(b, 64);                      // 63.75
+    EXPECT_EQ(r, 32);                     // 31.875
+    EXPECT_EQ(g, 96);                     // 95.625
+    EXPECT_EQ(b, 64);                     // 63.75
     HSLtoRGB(1.0f, 0.0f, 0.2f, r, g, b);
     EXPECT_EQ(r, 51);
     EXPECT_THROW(HSLtoRGB(0.0f, 0.5f, 2.0f, r, g, b), std::range_error);
