@@ -24,11 +24,11 @@ enum KyimgplugImageType : int {
 };
 
 // Load flags and save flags understood by the plug-in.
-constexpr int KyimgplugTiffKeepCmyk = 1;        // LoadU, TIFF
-constexpr int KyimgplugGifFullPages = 2;        // OpenMultiBitmapU, GIF
-constexpr int KyimgplugTiffLzw = 0x4000;        // SaveU, TIFF
-constexpr int KyimgplugTiffJpeg = 0x8000;       // SaveU, TIFF (-32768 as a 16-bit value)
-constexpr int KyimgplugTiffCcitt4 = 0x0800;     // SaveU, TIFF, 1-bit pages
+constexpr int KyimgplugTiffKeepCmyk = 1;    // LoadU, TIFF
+constexpr int KyimgplugGifFullPages = 2;    // OpenMultiBitmapU, GIF
+constexpr int KyimgplugTiffLzw = 0x4000;    // SaveU, TIFF
+constexpr int KyimgplugTiffJpeg = 0x8000;   // SaveU, TIFF (-32768 as a 16-bit value)
+constexpr int KyimgplugTiffCcitt4 = 0x0800; // SaveU, TIFF, 1-bit pages
 constexpr int KyimgplugTiffNoCompression = 0x0001;
 
 bool IsKyimgplugLoaded();
@@ -39,4 +39,4 @@ std::string KyimgplugLibraryPath();
 // obtained before stay valid only if the same file is found again.
 void ReloadKyimgplug(const std::vector<std::string>* folders = nullptr);
 
-}  // namespace kestrelyn
+} // namespace kestrelyn

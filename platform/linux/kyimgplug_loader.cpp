@@ -95,9 +95,11 @@ void* Symbol(const char* name) {
     return p;
 }
 
-}  // namespace
+} // namespace
 
-bool IsKyimgplugLoaded() { return Symbol("KYIMGPLUG_GetVersion") != nullptr; }
+bool IsKyimgplugLoaded() {
+    return Symbol("KYIMGPLUG_GetVersion") != nullptr;
+}
 
 std::string KyimgplugLibraryPath() {
     LoaderState& s = State();
@@ -120,14 +122,14 @@ void ReloadKyimgplug(const std::vector<std::string>* folders) {
         s.folders.reset();
 }
 
-#define KYP_FN(R, N, P, A, F)                      \
-    R N P {                                        \
-        using Fn = R(*) P;                         \
-        auto fn = reinterpret_cast<Fn>(Symbol(#N)); \
-        if (!fn) return F;                         \
-        return fn A;                               \
+#define KYP_FN(R, N, P, A, F)                                                                      \
+    R N P {                                                                                        \
+        using Fn = R(*) P;                                                                         \
+        auto fn = reinterpret_cast<Fn>(Symbol(#N));                                                \
+        if (!fn) return F;                                                                         \
+        return fn A;                                                                               \
     }
 #include "plugins/kyimgplug/kyimgplug_exports.inc"
 #undef KYP_FN
 
-}  // namespace kestrelyn
+} // namespace kestrelyn

@@ -934,8 +934,7 @@ BitmapPtr DecodeDDS(const Bytes& d) {
     if (r.le32() != 0x20534444u || r.le32() != 124) throw DecodeError("not dds");
     r.le32();
     int h = int(r.le32()), w = int(r.le32());
-    r.seek(4 + 76);
-    r.le32();
+    r.seek(76 + 4);
     std::uint32_t pflags = r.le32(), fourcc = r.le32(), rgbBits = r.le32();
     std::uint32_t masks[4] = {r.le32(), r.le32(), r.le32(), r.le32()};
     r.seek(128);

@@ -31,7 +31,7 @@ constexpr const char* kConvert = "/usr/bin/convert";
 constexpr const char* kPython = "/usr/bin/python3";
 
 class TempDir {
-public:
+  public:
     TempDir() {
         char tmpl[] = "/tmp/kyplugtestXXXXXX";
         char* p = mkdtemp(tmpl);
@@ -44,13 +44,17 @@ public:
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
     const std::string& path() const { return path_; }
 
-private:
+  private:
     std::string path_;
 };
 
-inline int Shell(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
+inline int Shell(const std::string& cmd) {
+    return std::system((cmd + " >/dev/null 2>&1").c_str());
+}
 
-inline bool HaveTool(const char* path) { return fs::exists(path); }
+inline bool HaveTool(const char* path) {
+    return fs::exists(path);
+}
 
 inline Bytes ReadAll(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
@@ -65,19 +69,28 @@ inline void WriteAll(const std::string& path, const Bytes& b) {
 // A colourful w x h picture written by PIL, so the pixels come from outside
 // our code: red follows x, green follows y, blue mixes both.
 inline bool MakeSourcePng(const std::string& path, int w, int h) {
-    std::string py = std::string(kPython) +
-                     " -c \"from PIL import Image; im=Image.new('RGB',(" + std::to_string(w) + "," +
-                     std::to_string(h) +
+    std::string py = std::string(kPython) + " -c \"from PIL import Image; im=Image.new('RGB',(" +
+                     std::to_string(w) + "," + std::to_string(h) +
                      ")); im.putdata([((x*37)%256,(y*53)%256,((x+y)*29)%256) for y in range(" +
-                     std::to_string(h) + ") for x in range(" + std::to_string(w) + ")]); im.save('" + path +
-                     "')\"";
+                     std::to_string(h) + ") for x in range(" + std::to_string(w) +
+                     ")]); im.save('" + path + "')\"";
     return Shell(py) == 0;
 }
 
 // ImageMagick's decode of a file as 8-bit RGBA, top row first.
 inline Bytes MagickRgba(const std::string& file, const std::string& scratch) {
     std::string out = scratch + ".rgba";
-    if (Shell(std::string(kConvert) + " '" + file + "[0]' -depth 8 rgba:'" + out + "'") != 0) return {};
+    if (Shell(std::string(kConvert) + " '" + file + "[0]' -depth 8 rgba:'" + out + "'") != 0)
+        return {};
+    return ReadAll(out);
+}
+
+// PIL's decode of a file as 8-bit RGBA, top row first.
+inline Bytes PilRgba(const std::string& file, const std::string& scratch) {
+    std::string out = scratch + ".pil";
+    std::string py = std::string(kPython) + " -c \"from PIL import Image; im=Image.open('" + file +
+                     "'); open('" + out + "','wb').write(im.convert('RGBA').tobytes())\"";
+    if (Shell(py) != 0) return {};
     return ReadAll(out);
 }
 
@@ -128,4 +141,4 @@ inline int MaxDiff(const Bytes& a, const Bytes& b, bool alpha = false) {
     return m;
 }
 
-}  // namespace kytest
+} // namespace kytest
