@@ -390,3 +390,20 @@ TEST(Host, LibraryVersionsAndTempDirectory) {
 
 } // namespace
 } // namespace kestrelyn::test
+
+namespace kestrelyn::test {
+namespace {
+
+TEST(Host, CodecPluginReportsItsVersionWhenBuilt) {
+    const std::string plugin = std::string(KY_BINARY_DIR) + "/lib/libkyimgplug.so";
+    if (!FileExists(plugin)) GTEST_SKIP() << "the codec plug-in is not built";
+    // Found beside libkestrelyn, with or without the search path.
+    EXPECT_EQ(GetLibraryFileVersion("kyimgplug"), "1.0.0.0");
+    Imaging img;
+    img.GetStat();
+    EXPECT_EQ(ThreadEngineState().sKyimgplugVersion, "1.0.0.0");
+    EXPECT_DOUBLE_EQ(VersionValue(ThreadEngineState().sKyimgplugVersion), 1.0);
+}
+
+} // namespace
+} // namespace kestrelyn::test
