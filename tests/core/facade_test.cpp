@@ -1,6 +1,10 @@
 // The facade: defaults, guards and their statuses, options, the edit frame,
 // new images and clones, utilities.
 #include <cmath>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/modWinapi.h"
 
 #include "core_test_util.h"
 
@@ -304,6 +308,53 @@ TEST(Facade, SmallUtilities) {
     EXPECT_DOUBLE_EQ(VersionValue("6.1.2.3"), 6.1);
     EXPECT_DOUBLE_EQ(VersionValue("Unknown"), 0.0);
     EXPECT_DOUBLE_EQ(VersionValue("Undefined"), 0.0);
+}
+
+} // namespace
+} // namespace kestrelyn::test
+
+namespace kestrelyn::test {
+namespace {
+
+thread_local bool tlFailStart = false;
+void FailingStartHook(EngineState&) {
+    if (tlFailStart) throw std::runtime_error("encoder table unreadable");
+}
+
+class MessageRecorder : public HostServices {
+  public:
+    void MessageBox(const std::string& sText, const std::string&, MessageBoxStyle) override {
+        messages.push_back(sText);
+    }
+    bool ClipboardClear() override { return true; }
+    bool ClipboardSetBitmap(HBITMAP) override { return false; }
+    HBITMAP ClipboardGetBitmap() override { return 0; }
+    HBITMAP GrabWindow(HWND) override { return 0; }
+    bool OpenFileDialog(const std::string&, std::string&) override { return false; }
+    std::vector<std::string> messages;
+};
+
+TEST(Facade, FailedEngineStartShowsTheMessageAndLeavesTheObjectAlive) {
+    static const bool registered = (RegisterEngineStartHook(&FailingStartHook), true);
+    ASSERT_TRUE(registered);
+    auto recorder = std::make_shared<MessageRecorder>();
+    auto old = SetHostServices(recorder);
+    bool bStarted = true;
+    KestrelynStatus status = OK;
+    std::thread fresh([&] {
+        tlFailStart = true;
+        Imaging img;
+        img.GetStat();
+        bStarted = ThreadEngineState().bEngineStarted;
+        status = img.GetStat();
+    });
+    fresh.join();
+    SetHostServices(old);
+    EXPECT_FALSE(bStarted);
+    EXPECT_EQ(status, OK);
+    ASSERT_EQ(recorder->messages.size(), 1u);
+    EXPECT_EQ(recorder->messages[0],
+              "Error starting GDI+. Err no: 1. Error: encoder table unreadable");
 }
 
 } // namespace
