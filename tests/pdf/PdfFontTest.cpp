@@ -13,6 +13,10 @@ namespace {
 
 using namespace pdftest;
 
+std::int32_t Width(const PdfFontRecord& oFont, char c) {
+    return oFont.arWidths[static_cast<unsigned char>(c)];
+}
+
 TEST(PdfFonts, LookupIgnoresCaseAndBlanksAndKeepsTheInstalledSpelling) {
     std::string sName;
     ASSERT_TRUE(cPDF::FindInstalledFont("arial", sName));
@@ -37,11 +41,11 @@ TEST(PdfFonts, ArialMetricsInThousandthsOfTheEm) {
     EXPECT_EQ(oFont.nFirstChar, 32);
     EXPECT_EQ(oFont.nLastChar, 255);
     // The advances of the metric-compatible face are those of Arial.
-    EXPECT_EQ(oFont.arWidths[' '], 278);
-    EXPECT_EQ(oFont.arWidths['a'], 556);
-    EXPECT_EQ(oFont.arWidths['i'], 222);
-    EXPECT_EQ(oFont.arWidths['W'], 944);
-    EXPECT_EQ(oFont.arWidths['0'], 556);
+    EXPECT_EQ(Width(oFont, ' '), 278);
+    EXPECT_EQ(Width(oFont, 'a'), 556);
+    EXPECT_EQ(Width(oFont, 'i'), 222);
+    EXPECT_EQ(Width(oFont, 'W'), 944);
+    EXPECT_EQ(Width(oFont, '0'), 556);
     EXPECT_EQ(oFont.arWidths[0x80], 556); // the euro sign, through the code page
     EXPECT_EQ(oFont.arWidths[0xE9], 556); // e acute
     EXPECT_EQ(oFont.nAscent, 905);
@@ -62,12 +66,12 @@ TEST(PdfFonts, StyleNamesAndMonospacedWidths) {
     ASSERT_TRUE(cPDF::ReadFontMetrics("Times New Roman", true, true, false, oFont));
     EXPECT_EQ(oFont.sName, "TimesNewRoman,BoldItalic");
     EXPECT_EQ(oFont.nItalicAngle, -11);
-    EXPECT_EQ(oFont.arWidths['a'], 500);
-    EXPECT_EQ(oFont.arWidths['W'], 889);
+    EXPECT_EQ(Width(oFont, 'a'), 500);
+    EXPECT_EQ(Width(oFont, 'W'), 889);
     ASSERT_TRUE(cPDF::ReadFontMetrics("Arial", true, false, false, oFont));
     EXPECT_EQ(oFont.sName, "Arial,Bold");
-    EXPECT_EQ(oFont.arWidths['a'], 556);
-    EXPECT_EQ(oFont.arWidths['b'], 611); // bold advances differ from regular (556)
+    EXPECT_EQ(Width(oFont, 'a'), 556);
+    EXPECT_EQ(Width(oFont, 'b'), 611); // bold advances differ from regular (556)
     ASSERT_TRUE(cPDF::ReadFontMetrics("Courier New", false, true, false, oFont));
     EXPECT_EQ(oFont.sName, "CourierNew,Italic");
     for (int c = oFont.nFirstChar; c <= oFont.nLastChar; ++c) {
