@@ -15,6 +15,10 @@ extern "C" {
 #include <tiffio.h>
 
 #include <OpenEXR/ImfArray.h>
+#include <OpenEXR/ImfChannelList.h>
+#include <OpenEXR/ImfFrameBuffer.h>
+#include <OpenEXR/ImfHeader.h>
+#include <OpenEXR/ImfInputFile.h>
 #include <OpenEXR/ImfRgbaFile.h>
 
 #include "Codecs.h"
@@ -608,25 +612,47 @@ BitmapPtr DecodeJ2K(const Bytes& d, bool jp2) {
 }
 
 // ---------------------------------------------------------------- OpenEXR
+// R, G, B (and A) channels are read as 32-bit floats whatever their stored
+// type; files in luminance/chroma form go through the RGBA interface.
 BitmapPtr DecodeEXR(const std::string& path) {
     try {
+        {
+            Imf::InputFile f(path.c_str());
+            const Imf::ChannelList& ch = f.header().channels();
+            if (ch.findChannel("R") && ch.findChannel("G") && ch.findChannel("B")) {
+                Imath::Box2i dw = f.header().dataWindow();
+                int w = dw.max.x - dw.min.x + 1, h = dw.max.y - dw.min.y + 1;
+                bool alpha = ch.findChannel("A") != nullptr;
+                int n = alpha ? 4 : 3;
+                auto bm = NewBitmap(alpha ? kRGBAF : kRGBF, w, h, 0);
+                std::vector<float> px(std::size_t(w) * h * n);
+                std::size_t xs = sizeof(float) * n, ys = xs * w;
+                char* base = reinterpret_cast<char*>(px.data()) - dw.min.x * std::ptrdiff_t(xs) -
+                             dw.min.y * std::ptrdiff_t(ys);
+                Imf::FrameBuffer fb;
+                const char* names[4] = {"R", "G", "B", "A"};
+                for (int k = 0; k < n; ++k)
+                    fb.insert(names[k], Imf::Slice(Imf::FLOAT, base + sizeof(float) * k, xs, ys));
+                f.setFrameBuffer(fb);
+                f.readPixels(dw.min.y, dw.max.y);
+                for (int y = 0; y < h; ++y)
+                    std::memcpy(bm->row(y), &px[std::size_t(y) * w * n], sizeof(float) * w * n);
+                return bm;
+            }
+        }
         Imf::RgbaInputFile f(path.c_str());
         Imath::Box2i dw = f.dataWindow();
         int w = dw.max.x - dw.min.x + 1, h = dw.max.y - dw.min.y + 1;
-        bool alpha = f.channels() & Imf::WRITE_A;
-        auto bm = NewBitmap(alpha ? kRGBAF : kRGBF, w, h, 0);
+        auto bm = NewBitmap(kRGBF, w, h, 0);
         Imf::Array2D<Imf::Rgba> px(h, w);
         f.setFrameBuffer(&px[0][0] - dw.min.x - std::ptrdiff_t(dw.min.y) * w, 1, std::size_t(w));
         f.readPixels(dw.min.y, dw.max.y);
-        int n = alpha ? 4 : 3;
         for (int y = 0; y < h; ++y) {
             auto* row = reinterpret_cast<float*>(bm->row(y));
             for (int x = 0; x < w; ++x) {
-                const Imf::Rgba& p = px[y][x];
-                row[x * n] = p.r;
-                row[x * n + 1] = p.g;
-                row[x * n + 2] = p.b;
-                if (alpha) row[x * n + 3] = p.a;
+                row[x * 3] = px[y][x].r;
+                row[x * 3 + 1] = px[y][x].g;
+                row[x * 3 + 2] = px[y][x].b;
             }
         }
         return bm;

@@ -13,6 +13,7 @@ extern "C" {
 #include <png.h>
 #include <tiffio.h>
 
+#include <Imath/half.h>
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfFrameBuffer.h>
 #include <OpenEXR/ImfHeader.h>
@@ -240,7 +241,7 @@ bool EncodeXPM(const Bitmap& bm, Bytes& o) {
             px[std::size_t(y) * bm.width + x] = it->second;
         }
     static const char alphabet[] =
-        ".#abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+@$%&*=-;:>,<1";
+        ".#abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+@$%&*=-;:>,<";
     const int base = int(sizeof(alphabet) - 1);
     int cpp = 1;
     for (std::size_t n = std::size_t(base); n < colors.size(); n *= std::size_t(base))
@@ -411,6 +412,11 @@ bool WriteJpeg(const Bitmap* bm, bool grey, int quality, Bytes& o) {
     c.in_color_space = grey ? JCS_GRAYSCALE : JCS_EXT_BGR;
     jpeg_set_defaults(&c);
     jpeg_set_quality(&c, quality, TRUE);
+    if (quality >= 90 && !grey) {
+        // Fine work keeps full colour resolution.
+        c.comp_info[0].h_samp_factor = 1;
+        c.comp_info[0].v_samp_factor = 1;
+    }
     c.density_unit = 1;
     c.X_density = UINT16(bm->dpmX * 0.0254 + 0.5);
     c.Y_density = UINT16(bm->dpmY * 0.0254 + 0.5);
@@ -481,6 +487,11 @@ bool EncodeJ2K(const Bitmap& bm, bool jp2, int rate, const std::string& path) {
     p.cp_disto_alloc = 1;
     p.tcp_rates[0] = rate > 1 ? float(rate) : 0.0f; // 0: lossless
     p.tcp_mct = nc >= 3 ? 1 : 0;
+    // Every resolution level needs at least one pixel.
+    int levels = 1;
+    while (levels < 6 && (std::min(bm.width, bm.height) >> levels) > 0)
+        ++levels;
+    p.numresolution = levels;
     opj_codec_t* codec = opj_create_compress(jp2 ? OPJ_CODEC_JP2 : OPJ_CODEC_J2K);
     opj_set_error_handler(codec, OQuiet, nullptr);
     opj_set_warning_handler(codec, OQuiet, nullptr);
@@ -529,10 +540,14 @@ bool EncodeEXR(const Bitmap& bm, int flags, const std::string& path) {
             h.channels().insert(names[k], Imf::Channel(pt));
         Imf::OutputFile f(path.c_str(), h);
         Imf::FrameBuffer fb;
-        std::size_t xs = sizeof(float) * n, ys = xs * bm.width;
+        std::vector<Imath::half> halves;
+        if (pt == Imf::HALF) halves.assign(px.begin(), px.end());
+        std::size_t es = pt == Imf::HALF ? sizeof(Imath::half) : sizeof(float);
+        char* base = pt == Imf::HALF ? reinterpret_cast<char*>(halves.data())
+                                     : reinterpret_cast<char*>(px.data());
+        std::size_t xs = es * n, ys = xs * bm.width;
         for (int k = 0; k < n; ++k)
-            fb.insert(names[k],
-                      Imf::Slice(Imf::FLOAT, reinterpret_cast<char*>(px.data() + k), xs, ys));
+            fb.insert(names[k], Imf::Slice(pt, base + es * k, xs, ys));
         f.setFrameBuffer(fb);
         f.writePixels(bm.height);
         return true;

@@ -141,4 +141,13 @@ inline int MaxDiff(const Bytes& a, const Bytes& b, bool alpha = false) {
     return m;
 }
 
+// Mean difference of the colour channels, for lossy codecs.
+inline double MeanDiff(const Bytes& a, const Bytes& b) {
+    if (a.size() != b.size() || a.empty()) return 1000;
+    double sum = 0;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (i % 4 != 3) sum += std::abs(int(a[i]) - int(b[i]));
+    return sum / double(a.size() / 4 * 3);
+}
+
 } // namespace kytest
