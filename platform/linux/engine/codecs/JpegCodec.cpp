@@ -46,6 +46,7 @@ bool DecodeCore(JpegDecodeCtx& c, const Bytes& data) {
     jpeg_save_markers(&c.cinfo, JPEG_APP0 + 1, 0xffff);
     jpeg_save_markers(&c.cinfo, JPEG_APP0 + 2, 0xffff);
     if (jpeg_read_header(&c.cinfo, TRUE) != JPEG_HEADER_OK) return false;
+    if (!jpeg_read_icc_profile(&c.cinfo, &c.icc, &c.iccLen)) c.iccLen = 0;
     const J_COLOR_SPACE in = c.cinfo.jpeg_color_space;
     const bool grey = in == JCS_GRAYSCALE;
     const bool cmyk = in == JCS_CMYK || in == JCS_YCCK;
@@ -80,7 +81,6 @@ bool DecodeCore(JpegDecodeCtx& c, const Bytes& data) {
             dst[3 * x + 2] = static_cast<std::uint8_t>((cc * k + 127) / 255);
         }
     }
-    jpeg_finish_decompress(&c.cinfo);
     UINT flags = ImageFlagsHasRealPixelSize;
     switch (in) {
     case JCS_GRAYSCALE:
@@ -119,11 +119,12 @@ bool DecodeCore(JpegDecodeCtx& c, const Bytes& data) {
             break;
         }
     }
-    if (jpeg_read_icc_profile(&c.cinfo, &c.icc, &c.iccLen) && c.icc && c.iccLen)
-        AddProperty(c.image, 34675, PropertyTagTypeByte, c.icc, c.iccLen);
+    if (c.icc && c.iccLen) AddProperty(c.image, 34675, PropertyTagTypeByte, c.icc, c.iccLen);
     if (realDpi) flags |= ImageFlagsHasRealDPI;
     c.image->flags = flags;
     c.image->rawFormat = ImageFormatJPEG;
+    // last: it frees the saved markers
+    jpeg_finish_decompress(&c.cinfo);
     c.status = OK;
     return true;
 }
