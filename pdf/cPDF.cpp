@@ -209,6 +209,10 @@ bool cPDF::NewPdf(const std::string& sNewPath, const std::string& sNewTitle,
                   const std::string& sNewKeywords, const std::string& sNewSubject,
                   std::int32_t nEncryption, std::int32_t nNewRights,
                   const std::string& sNewUserPassword, const std::string& sNewOwnerPassword) {
+    // A document still open is finished with its own settings, and the new
+    // one starts from an empty object table.
+    if (hFile != 0) ClosePdfFile();
+    ResetDocument();
     sPath = sNewPath;
     sTitleUtf8 = sNewTitle;
     sAuthorUtf8 = sNewAuthor;
@@ -237,8 +241,6 @@ bool cPDF::NewPdf(const std::string& sNewPath, const std::string& sNewTitle,
         sFileIdB += kHex[static_cast<int>(oUnit(oRandom) * 16) & 15];
     }
 
-    if (hFile != 0) ClosePdfFile();
-
     try {
         std::error_code oError;
         if (!sPath.empty() && std::filesystem::exists(sPath, oError))
@@ -255,6 +257,33 @@ bool cPDF::NewPdf(const std::string& sNewPath, const std::string& sNewTitle,
         ClosePdfFile();
         return false;
     }
+}
+
+void cPDF::ResetDocument() {
+    bPdfHeaderDone = false;
+    nPages = 0;
+    nLastObject = 0;
+    sKids.clear();
+    sFontResources.clear();
+    sFontLookup.clear();
+    sImageResources.clear();
+    sFormResources.clear();
+    sPageContent.clear();
+    nFormCount = 0;
+    nFontCount = 0;
+    nFormStreamStart = 0;
+    bPageOpen = false;
+    sFileKey.clear();
+    sO.clear();
+    sU.clear();
+    sP.clear();
+    nEncryptObject = 0;
+    arXref.clear();
+    arImages.clear();
+    arFonts.clear();
+    arForms.clear();
+    nOpenForm = 0;
+    pFormCipher.reset();
 }
 
 std::int16_t cPDF::BeginPage() {

@@ -190,6 +190,7 @@ class cPDF {
                               std::int32_t nLevel);
 
   private:
+    void ResetDocument();
     std::int32_t BeginObject(std::int32_t nNumber);
     void WriteEndObj();
     void WriteLine(const std::string& sText);

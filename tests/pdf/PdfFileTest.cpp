@@ -220,8 +220,18 @@ TEST(PdfFile, OpeningASecondDocumentClosesTheFirst) {
     oPdf.MoveTo(1, 1);
     ASSERT_TRUE(oPdf.NewPdf(sSecond, "", "", "", "", ""));
     EXPECT_EQ(oPdf.PdfGetPath(), sSecond);
+    oPdf.SetColorFill(0);
+    oPdf.Rectangle(0, 0, 10, 10, 4);
+    oPdf.ClosePdfFile();
     const std::string sFile = ReadFileBytes(sFirst);
     EXPECT_EQ(sFile.substr(sFile.size() - 7), "%%EOF\r\n");
+    // The second file is a document of its own: header, one page, its own objects.
+    const std::string sNext = ReadFileBytes(sSecond);
+    EXPECT_EQ(sNext.substr(0, 8), "%PDF-1.3");
+    EXPECT_NE(sNext.find("/Count 1/Kids [5 0 R ]"), std::string::npos);
+    KY_REQUIRE_TOOL("qpdf");
+    ExpectQpdfCheck(sFirst);
+    ExpectQpdfCheck(sSecond);
 }
 
 TEST(PdfFile, ApplicationMetadataBecomesObjectFive) {
