@@ -166,6 +166,7 @@ void SetPixelRGBA(Bitmap& bm, int x, int y, const std::uint8_t in[4]) {
 }
 
 void CopyFacts(const Bitmap& from, Bitmap& to) {
+    to.topDown = from.topDown; // a conversion keeps the row order
     to.dpmX = from.dpmX;
     to.dpmY = from.dpmY;
     to.delayMs = from.delayMs;

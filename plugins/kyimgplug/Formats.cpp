@@ -351,8 +351,7 @@ BitmapPtr DecodeHDR(const Bytes& d) {
         for (int x = 0; x < w; ++x) {
             const std::uint8_t* p = &scan[std::size_t(x) * 4];
             float f = p[3] ? std::ldexp(1.0f, p[3] - 136) : 0.0f;
-            PutRGBF(*bm, x, y, (p[0] + 0.5f) * f * (p[3] ? 1 : 0),
-                    (p[1] + 0.5f) * f * (p[3] ? 1 : 0), (p[2] + 0.5f) * f * (p[3] ? 1 : 0));
+            PutRGBF(*bm, x, y, p[0] * f, p[1] * f, p[2] * f);
         }
     }
     return bm;

@@ -78,9 +78,11 @@ inline bool MakeSourcePng(const std::string& path, int w, int h) {
 }
 
 // ImageMagick's decode of a file as 8-bit RGBA, top row first.
-inline Bytes MagickRgba(const std::string& file, const std::string& scratch) {
+inline Bytes MagickRgba(const std::string& file, const std::string& scratch,
+                        bool firstFrame = true) {
     std::string out = scratch + ".rgba";
-    if (Shell(std::string(kConvert) + " '" + file + "[0]' -depth 8 rgba:'" + out + "'") != 0)
+    std::string frame = firstFrame ? "[0]" : "";
+    if (Shell(std::string(kConvert) + " '" + file + frame + "' -depth 8 rgba:'" + out + "'") != 0)
         return {};
     return ReadAll(out);
 }
