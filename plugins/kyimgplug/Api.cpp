@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 #include <sys/stat.h>
+#include <unordered_map>
 #include <unordered_set>
 
 #include <zlib.h>
@@ -28,7 +29,7 @@ struct MultiBitmap {
     bool modified = false;
     std::vector<BitmapPtr> replaced; // edited pages by index (null: from file)
     std::vector<BitmapPtr> appended;
-    std::unordered_set<Bitmap*> locked;
+    std::unordered_map<Bitmap*, int> locked; // page bitmap -> page index
 };
 
 struct MetaWalk {
@@ -249,8 +250,8 @@ KYP_EXPORT int KYIMGPLUG_CloseMultiBitmap(std::intptr_t h, int flags) {
             ok = false; // animated GIF writing is done by the host's own writer
         }
     }
-    for (Bitmap* b : m->locked)
-        Free<Bitmap>(reinterpret_cast<std::intptr_t>(b), g_bitmaps);
+    for (auto& e : m->locked)
+        Free<Bitmap>(reinterpret_cast<std::intptr_t>(e.first), g_bitmaps);
     Free<MultiBitmap>(h, g_multis);
     return ok ? 1 : 0;
     KYP_CATCH(0)
@@ -268,9 +269,7 @@ KYP_EXPORT std::intptr_t KYIMGPLUG_LockPage(std::intptr_t h, int page) {
     if (!bm) return 0;
     Bitmap* raw = bm.get();
     std::intptr_t out = NewHandle(std::move(bm));
-    m->locked.insert(raw);
-    raw->delayMs = raw->delayMs; // facts travel with the page
-    (void)raw;
+    m->locked[raw] = page;
     return out;
     KYP_CATCH(0)
 }
@@ -280,11 +279,15 @@ KYP_EXPORT void KYIMGPLUG_UnlockPage(std::intptr_t h, std::intptr_t page, int ch
         MultiBitmap* m = Get<MultiBitmap>(h, g_multis);
         Bitmap* bm = BM(page);
         if (!m || !bm || !m->locked.count(bm)) return;
+        int index = m->locked[bm];
         m->locked.erase(bm);
         if (changed && !m->readOnly) {
-            // Which page was it? Pages are matched by the order they were locked
-            // in; an edited page is kept until the document is closed.
-            (void)0;
+            // The edited page replaces the file's page when the document is
+            // closed.
+            if (m->replaced.size() < std::size_t(m->pageCount))
+                m->replaced.resize(std::size_t(m->pageCount));
+            m->replaced[std::size_t(index)] = CloneBitmap(*bm);
+            m->modified = true;
         }
         Free<Bitmap>(page, g_bitmaps);
     } catch (...) {

@@ -152,4 +152,14 @@ inline double MeanDiff(const Bytes& a, const Bytes& b) {
     return sum / double(a.size() / 4 * 3);
 }
 
+// A Python expression over PIL's view of a file (`im`), as text.
+inline std::string PilField(const std::string& file, const std::string& expr) {
+    TempDir d;
+    std::string out = d / "field.txt";
+    Shell(std::string(kPython) + " -c \"from PIL import Image; im=Image.open('" + file +
+          "'); open('" + out + "','w').write(str(" + expr + "))\"");
+    Bytes b = ReadAll(out);
+    return std::string(b.begin(), b.end());
+}
+
 } // namespace kytest

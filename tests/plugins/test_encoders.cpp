@@ -86,15 +86,6 @@ Bytes GreyOf(const Bytes& rgba) {
     return g;
 }
 
-std::string PilField(const std::string& file, const std::string& expr) {
-    TempDir d;
-    std::string out = d / "field.txt";
-    Shell(std::string(kPython) + " -c \"from PIL import Image; im=Image.open('" + file +
-          "'); open('" + out + "','w').write(str(" + expr + "))\"");
-    Bytes b = ReadAll(out);
-    return std::string(b.begin(), b.end());
-}
-
 struct EncodeCase {
     const char* label;
     const char* file;
