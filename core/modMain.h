@@ -31,7 +31,7 @@ struct ImageRecord {
     GpImage* nGdiPlusImage = nullptr;
     std::int32_t nTifCompression = 0;
     std::uintptr_t nPlugBitmap = 0;
-    std::int32_t nPlugPage = 0;
+    std::uintptr_t nPlugPage = 0; // the locked page's handle (pointer-sized)
     std::string sFilePath;
     bool bDeleteFile = false;
     bool bOwnsBits = false;
@@ -99,7 +99,7 @@ struct PluginReleaseHooks {
     void (*CloseFileHandle)(std::uintptr_t nPlugFile) = nullptr;
     void (*Unload)(std::uintptr_t nPlugBitmap) = nullptr;
     void (*CloseMultiBitmap)(std::uintptr_t nPlugBitmap, std::int32_t nFlags) = nullptr;
-    void (*UnlockPage)(std::uintptr_t nPlugBitmap, std::int32_t nPlugPage,
+    void (*UnlockPage)(std::uintptr_t nPlugBitmap, std::uintptr_t nPlugPage,
                        std::int32_t bChanged) = nullptr;
 };
 PluginReleaseHooks& PluginHooks();

@@ -1,0 +1,711 @@
+// Loading: files, memory, strings, streams, host handles and pictures become
+// registry images. File-shaped sources all go through LoadImageFile, which
+// picks the decoder; multi-page TIFF and GIF documents become multi-page
+// records here.
+#include "core/ImagingLoad.h"
+
+#include <sys/stat.h>
+
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <new>
+
+#include "core/cImaging.h"
+#include "core/modMain.h"
+#include "core/modkyimgplugFrame.h"
+#include "pdf/modAnsi.h"
+#include "platform/modGdi32.h"
+#include "platform/modWinapi.h"
+#include "platform/modkyimgplug.h"
+
+namespace kestrelyn {
+
+namespace {
+
+// The bare status of a run-time failure inside a stream load.
+constexpr KestrelynStatus kStreamRuntimeFailure = static_cast<KestrelynStatus>(23);
+
+std::string Trim(const std::string& s) {
+    std::size_t b = 0, e = s.size();
+    while (b < e && std::isspace(static_cast<unsigned char>(s[b])))
+        ++b;
+    while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1])))
+        --e;
+    return s.substr(b, e - b);
+}
+
+bool IsRegularFile(const std::string& sPath) {
+    struct stat st {};
+    return ::stat(sPath.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+bool IsMultiPage(const ImageRecord& rec) {
+    return rec.bMultiPageTiff || rec.bMultiPageGif;
+}
+
+void SizePageArrays(ImageRecord& rec, std::int32_t nCount) {
+    const std::size_t n = static_cast<std::size_t>(nCount);
+    rec.nPageCount = nCount;
+    rec.arPageImages.assign(n, 0);
+    rec.arPageFiles.assign(n, std::string());
+    rec.arPageDepths.assign(n, 0);
+    rec.arPageDelays.assign(n, 0);
+    rec.arPageDisposals.assign(n, 0);
+}
+
+// A property's bytes, empty when the image has none of that id.
+std::vector<std::uint8_t> PropertyBytes(GpImage* img, PROPID id, std::uint16_t& nType) {
+    std::vector<std::uint8_t> out;
+    UINT size = 0;
+    if (GdipGetPropertyItemSize(img, id, &size) != OK || size < sizeof(PropertyItem)) return out;
+    std::vector<std::uint8_t> buffer(size);
+    auto* item = reinterpret_cast<PropertyItem*>(buffer.data());
+    if (GdipGetPropertyItem(img, id, size, item) != OK || !item->value) return out;
+    nType = item->type;
+    const auto* bytes = static_cast<const std::uint8_t*>(item->value);
+    out.assign(bytes, bytes + item->length);
+    return out;
+}
+
+// Frame delays, loop count and comment of a GIF document into its head.
+void ReadGifFacts(GpImage* img, ImageRecord& head) {
+    std::uint16_t type = 0;
+    const std::vector<std::uint8_t> delays = PropertyBytes(img, 20736, type);
+    for (std::int32_t k = 0; k < head.nPageCount; ++k) {
+        std::int32_t delay = 0;
+        const std::size_t off = static_cast<std::size_t>(k) * 4;
+        if (off + 4 <= delays.size()) std::memcpy(&delay, delays.data() + off, 4);
+        head.arPageDelays[static_cast<std::size_t>(k)] = delay < 1 ? 25 : delay;
+        head.arPageDisposals[static_cast<std::size_t>(k)] = -1;
+    }
+    const std::vector<std::uint8_t> loop = PropertyBytes(img, 20737, type);
+    if (type == PropertyTagTypeShort && loop.size() == 2) {
+        std::uint16_t v = 0;
+        std::memcpy(&v, loop.data(), 2);
+        head.nLoopCount = v;
+    } else if (type == PropertyTagTypeLong && loop.size() == 4) {
+        std::int32_t v = 0;
+        std::memcpy(&v, loop.data(), 4);
+        head.nLoopCount = v;
+    }
+    const std::vector<std::uint8_t> comment = PropertyBytes(img, 37510, type);
+    std::string text(comment.begin(), comment.end());
+    if (const std::size_t nul = text.find('\0'); nul != std::string::npos) text.resize(nul);
+    head.sGifComment = text;
+    head.bMultiPageGif = true;
+}
+
+std::int32_t ImageDepth(GpImage* img) {
+    PixelFormat fmt = 0;
+    if (!img || GdipGetImagePixelFormat(img, &fmt) != OK) return 0;
+    return PixelFormatDepth(fmt);
+}
+
+// The plug-in format code that a head record's name stands for.
+int HeadPluginFormat(const ImageRecord& rec) {
+    return rec.bMultiPageGif ? PluginFormatGIF : PluginFormatTIFF;
+}
+
+KestrelynStatus SelectPluginPage(std::int32_t nHeadImageID, std::int32_t nIndex) {
+    ImageRecord* rec = FindImageRecord(nHeadImageID);
+    const std::intptr_t multi = static_cast<std::intptr_t>(rec->nPlugBitmap);
+    const int format = HeadPluginFormat(*rec);
+    std::intptr_t page = KYIMGPLUG_LockPage(multi, nIndex);
+    if (!page) return OutOfMemory;
+    bool bIsPage = true, bFailed = false;
+    std::int32_t id = 0;
+    KestrelynStatus status = PluginBitmapToImage(page, id, bFailed, bIsPage, multi, format);
+    if (bFailed || id == 0) {
+        if (id != 0) ReleaseImage(id);
+        ReturnPluginBitmap(page, bIsPage, multi);
+        return status == OK ? UnknownImageFormat : status;
+    }
+    ImageRecord* pageRec = FindImageRecord(id);
+    pageRec->sFormatName = PluginFormatName(format);
+    if (bIsPage) {
+        pageRec->nKind = KindPluginPage;
+        pageRec->nPlugBitmap = static_cast<std::uintptr_t>(multi);
+        pageRec->nPlugPage = static_cast<std::uintptr_t>(page);
+    } else {
+        pageRec->nKind = KindPlugin;
+        pageRec->nPlugBitmap = static_cast<std::uintptr_t>(page);
+    }
+    rec = FindImageRecord(nHeadImageID);
+    rec->arPageImages[static_cast<std::size_t>(nIndex)] = id;
+    rec->arPageDepths[static_cast<std::size_t>(nIndex)] = ImageDepth(ResolveGdiPlusImage(id));
+    rec->nCurrentPage = nIndex;
+    return status;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Paths.
+
+std::string NormaliseLoadPath(const std::string& sFilePath) {
+    std::string path = Trim(sFilePath);
+    for (char& c : path)
+        if (c == '\\') c = '/';
+    if (path.size() <= 3) return path;
+    // A run of three or more leading separators shrinks to the two of a
+    // network path.
+    if (path.compare(0, 3, "///") == 0) {
+        std::size_t n = 0;
+        while (n < path.size() && path[n] == '/')
+            ++n;
+        path = "//" + path.substr(n);
+    }
+    // Doubled separators after the start become one.
+    std::string out = path.substr(0, 2);
+    for (std::size_t i = 2; i < path.size(); ++i) {
+        if (path[i] == '/' && out.size() > 2 && out.back() == '/') continue;
+        out += path[i];
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------------------
+// The decoder order.
+
+KestrelynStatus LoadImageFile(std::int32_t& nImageID, const std::string& sFilePath, bool bICM,
+                              bool bDisableKyimgplug, bool bTiffReadOnly, HWND nOwnerWindow,
+                              bool bNoDialog, bool bGifReadOnly) {
+    (void)nOwnerWindow; // the host's dialog has its own owner
+    nImageID = 0;
+    try {
+        std::string sPath = Trim(sFilePath);
+        if (!bNoDialog && sPath.empty()) {
+            std::string sChosen;
+            if (GetHostServices().OpenFileDialog("All files (*.*)|*.*", sChosen)) sPath = sChosen;
+        }
+        sPath = NormaliseLoadPath(sPath);
+        if (sPath.empty() || !IsRegularFile(sPath)) return FileNotFound;
+
+        KestrelynStatus status = UnknownImageFormat;
+        if (bICM || bDisableKyimgplug) {
+            std::int32_t id = 0;
+            status = LoadByEngine(sPath, id, bICM, bTiffReadOnly, bGifReadOnly);
+            if (status == OK) {
+                PixelFormat fmt = 0;
+                GdipGetImagePixelFormat(ResolveGdiPlusImage(id), &fmt);
+                if (fmt == PixelFormatUndefined) {
+                    ReleaseImage(id);
+                    status = UnknownImageFormat;
+                } else {
+                    nImageID = id;
+                    return OK;
+                }
+            }
+        }
+        if (bDisableKyimgplug) return status;
+
+        std::int32_t id = 0;
+        const KestrelynStatus nPlugStatus =
+            LoadByPlugin(id, sPath, bICM, bTiffReadOnly, bGifReadOnly);
+        if (nPlugStatus == OK) {
+            nImageID = id;
+            return OK;
+        }
+        if (LoadByEngine(sPath, id, bICM, bTiffReadOnly, bGifReadOnly) == OK) {
+            nImageID = id;
+            return OK;
+        }
+        if (LoadByPicture(id, sPath) == OK) {
+            nImageID = id;
+            return OK;
+        }
+        return nPlugStatus;
+    } catch (const std::bad_alloc&) {
+        nImageID = 0;
+        return OutOfMemory;
+    } catch (...) {
+        nImageID = 0;
+        return GenericError;
+    }
+}
+
+KestrelynStatus LoadByEngine(const std::string& sFilePath, std::int32_t& nImageID, bool bICM,
+                             bool bTiffReadOnly, bool bGifReadOnly) {
+    nImageID = 0;
+    GpBitmap* bitmap = nullptr;
+    const KestrelynStatus status = bICM ? GdipCreateBitmapFromFileICM(sFilePath, &bitmap)
+                                        : GdipCreateBitmapFromFile(sFilePath, &bitmap);
+    if (status != OK) {
+        if (bitmap) GdipDisposeImage(bitmap);
+        return status;
+    }
+    std::int32_t id = 0;
+    RegisterImage(id, bitmap, "", sFilePath, KindEngineFile);
+    std::int32_t result = 0;
+    const KestrelynStatus multi =
+        OpenMultiPageAfterLoad(sFilePath, id, result, bTiffReadOnly, bGifReadOnly);
+    if (multi != OK) return multi;
+    nImageID = result;
+    return OK;
+}
+
+KestrelynStatus OpenMultiPageAfterLoad(const std::string& sFilePath, std::int32_t nImageID,
+                                       std::int32_t& nResultID, bool bTiffReadOnly,
+                                       bool bGifReadOnly) {
+    nResultID = nImageID;
+    ImageRecord* rec = FindImageRecord(nImageID);
+    if (!rec || !rec->nGdiPlusImage) return OK;
+    const std::string sName = rec->sFormatName;
+    const bool bGif = sName == "GIF";
+    if (!bGif && sName != "TIFF") return OK;
+    GpImage* source = rec->nGdiPlusImage;
+    const GUID& dim = bGif ? FrameDimensionTime : FrameDimensionPage;
+    UINT count = 0;
+    if (GdipImageGetFrameCount(source, &dim, &count) != OK || count < 2) return OK;
+    const bool bReadOnly = bGif ? bGifReadOnly : bTiffReadOnly;
+
+    std::int32_t head = nImageID;
+    if (!bReadOnly) RegisterImage(head, nullptr, sName, sFilePath, KindEngine);
+    ImageRecord& h = *FindImageRecord(head);
+    SizePageArrays(h, static_cast<std::int32_t>(count));
+    if (bGif)
+        ReadGifFacts(source, h);
+    else
+        h.bMultiPageTiff = true;
+    h.nCurrentPage = -1;
+
+    if (bReadOnly) {
+        h.bReadOnly = true;
+        nResultID = head;
+        return SelectPage(head, 0);
+    }
+
+    // Burst the document: one file per page, then the source goes.
+    std::int32_t stored = 0;
+    for (UINT i = 0; i < count; ++i) {
+        if (GdipImageSelectActiveFrame(source, &dim, i) != OK) continue;
+        const std::string sPageFile = MakeTempFileName();
+        if (StorePageImage(source, sPageFile, bGif) != OK) continue;
+        ImageRecord& hr = *FindImageRecord(head);
+        hr.arPageFiles[i] = sPageFile;
+        hr.arPageDepths[i] = ImageDepth(source);
+        ++stored;
+    }
+    ReleaseImage(nImageID);
+    if (stored == 0) {
+        ReleaseImage(head);
+        nResultID = 0;
+        return UnknownImageFormat;
+    }
+    const KestrelynStatus status = SelectPage(head, 0);
+    if (status != OK) {
+        ReleaseImage(head);
+        nResultID = 0;
+        return status;
+    }
+    nResultID = head;
+    return OK;
+}
+
+KestrelynStatus StorePageImage(GpImage* pPage, const std::string& sFilePath, bool bGif) {
+    if (!pPage || sFilePath.empty()) return InvalidParameter;
+    KestrelynStatus status;
+    if (bGif) {
+        status = GdipSaveImageToFile(pPage, sFilePath, &EncoderClsidPNG, nullptr);
+    } else {
+        UINT compression = EncoderValueCompressionLZW;
+        EncoderParameters params{};
+        params.Count = 1;
+        params.Parameter[0].Guid = EncoderCompression;
+        params.Parameter[0].NumberOfValues = 1;
+        params.Parameter[0].Type = EncoderParameterValueTypeLong;
+        params.Parameter[0].Value = &compression;
+        status = GdipSaveImageToFile(pPage, sFilePath, &EncoderClsidTIFF, &params);
+    }
+    if (status != OK) std::remove(sFilePath.c_str());
+    return status;
+}
+
+KestrelynStatus SelectPage(std::int32_t nHeadImageID, std::int32_t nIndex) {
+    ImageRecord* rec = FindImageRecord(nHeadImageID);
+    if (!rec) return GenericError;
+    if (!IsMultiPage(*rec) || nIndex < 0 || nIndex >= rec->nPageCount) return InvalidParameter;
+    const std::size_t needed = static_cast<std::size_t>(rec->nPageCount);
+    if (rec->arPageImages.size() < needed) rec->arPageImages.resize(needed, 0);
+    if (rec->arPageFiles.size() < needed) rec->arPageFiles.resize(needed);
+    if (rec->arPageDepths.size() < needed) rec->arPageDepths.resize(needed, 0);
+
+    // A read-only document read by the engine: the engine moves between frames.
+    if (rec->bReadOnly && rec->nKind == KindEngineFile && rec->nGdiPlusImage) {
+        const GUID& dim = rec->bMultiPageGif ? FrameDimensionTime : FrameDimensionPage;
+        const KestrelynStatus status =
+            GdipImageSelectActiveFrame(rec->nGdiPlusImage, &dim, static_cast<UINT>(nIndex));
+        if (status == OK) rec->nCurrentPage = nIndex;
+        return status;
+    }
+
+    // The page shown so far goes, unless it holds edits that no file keeps.
+    const std::int32_t current = rec->nCurrentPage;
+    if (current >= 0 && current != nIndex && static_cast<std::size_t>(current) < needed) {
+        const std::size_t c = static_cast<std::size_t>(current);
+        const std::int32_t shown = rec->arPageImages[c];
+        const ImageRecord* shownRec = FindImageRecord(shown);
+        const bool bKeep = shownRec && shownRec->bModified && rec->arPageFiles[c].empty();
+        if (shown != 0 && !bKeep) {
+            rec->arPageImages[c] = 0;
+            ReleaseImage(shown);
+            rec = FindImageRecord(nHeadImageID);
+        }
+    }
+    const std::size_t p = static_cast<std::size_t>(nIndex);
+    if (rec->arPageImages[p] != 0 && FindImageRecord(rec->arPageImages[p])) {
+        rec->nCurrentPage = nIndex;
+        return OK;
+    }
+
+    // A read-only document read by the plug-in: the page is locked.
+    if (rec->bReadOnly && rec->nKind == KindPlugin && rec->nPlugBitmap)
+        return SelectPluginPage(nHeadImageID, nIndex);
+
+    // A burst document: the page comes from its file.
+    const std::string sPageFile = rec->arPageFiles[p];
+    if (sPageFile.empty()) return UnknownImageFormat;
+    std::int32_t id = 0;
+    const KestrelynStatus status = LoadImageFile(id, sPageFile, false, false, true, 0, true, true);
+    if (status != OK) return status;
+    rec = FindImageRecord(nHeadImageID);
+    rec->arPageImages[p] = id;
+    rec->nCurrentPage = nIndex;
+    return OK;
+}
+
+// ---------------------------------------------------------------------------
+// Memory and streams.
+
+KestrelynStatus LoadImageFromBytes(std::int32_t& nImageID, const std::vector<std::uint8_t>& arBytes,
+                                   bool bICM, bool bTiffReadOnly, bool bGifReadOnly) {
+    nImageID = 0;
+    if (arBytes.empty()) return ProfileNotFound;
+    const std::string sTemp = MakeTempFileName();
+    {
+        std::ofstream file(sTemp, std::ios::binary | std::ios::trunc);
+        if (file)
+            file.write(reinterpret_cast<const char*>(arBytes.data()),
+                       static_cast<std::streamsize>(arBytes.size()));
+        if (!file) {
+            file.close();
+            std::remove(sTemp.c_str());
+            return Win32Error;
+        }
+    }
+    std::int32_t id = 0;
+    const KestrelynStatus status =
+        LoadImageFile(id, sTemp, bICM, false, bTiffReadOnly, 0, true, bGifReadOnly);
+    if (status != OK || id == 0) {
+        std::remove(sTemp.c_str());
+        return status == OK ? GenericError : status;
+    }
+    MarkTempFile(id, sTemp);
+    nImageID = id;
+    return OK;
+}
+
+KestrelynStatus LoadImageFromStream(std::int32_t& nImageID, const StreamPtr& oStream, bool bICM) {
+    nImageID = 0;
+    if (!oStream) return InvalidParameter;
+    try {
+        GpImage* image = nullptr;
+        const KestrelynStatus status = bICM ? GdipLoadImageFromStreamICM(oStream, &image)
+                                            : GdipLoadImageFromStream(oStream, &image);
+        if (status != OK) {
+            if (image) GdipDisposeImage(image);
+            return status;
+        }
+        std::int32_t id = 0;
+        RegisterImage(id, image, "", "", KindEngine);
+        std::int32_t result = 0;
+        const KestrelynStatus multi = OpenMultiPageAfterLoad("", id, result, false, false);
+        if (multi != OK) return multi;
+        nImageID = result;
+        return OK;
+    } catch (...) {
+        return kStreamRuntimeFailure;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Pictures, DIBs, the clipboard.
+
+KestrelynStatus LoadByPicture(std::int32_t& nImageID, const std::string& sFilePath) {
+    // No host picture loader exists on this platform: nothing else can read
+    // a file that the engine and the plug-in refused.
+    (void)sFilePath;
+    nImageID = 0;
+    return UnknownImageFormat;
+}
+
+KestrelynStatus LoadImageFromPicture(std::int32_t& nImageID, PictureHandle oPicture) {
+    nImageID = 0;
+    const HBITMAP hBitmap = PictureGetBitmap(oPicture);
+    const HostBitmap* host = HostGetBitmap(hBitmap);
+    if (!host) return InvalidParameter;
+    GpBitmap* bitmap = nullptr;
+    KestrelynStatus status;
+    std::int32_t nKind;
+    if (host->bIsIcon) {
+        status = GdipCreateBitmapFromHICON(hBitmap, &bitmap);
+        nKind = KindHIcon;
+    } else {
+        status = GdipCreateBitmapFromHBITMAP(hBitmap, 0, &bitmap);
+        nKind = KindHBitmap;
+    }
+    if (status != OK) {
+        if (bitmap) GdipDisposeImage(bitmap);
+        return status;
+    }
+    RegisterImage(nImageID, bitmap, "", "", nKind);
+    return OK;
+}
+
+KestrelynStatus LoadImageFromDIB(std::int32_t& nImageID, HGLOBAL hDib, bool bKeepMemory) {
+    nImageID = 0;
+    auto* block = static_cast<std::uint8_t*>(GlobalLock(hDib));
+    if (!block) return GenericError;
+    const std::size_t size = GlobalSize(hDib);
+    struct Unlock {
+        HGLOBAL h;
+        ~Unlock() { GlobalUnlock(h); }
+    } unlock{hDib};
+    if (size < sizeof(BITMAPINFOHEADER)) return InvalidParameter;
+    BITMAPINFOHEADER header;
+    std::memcpy(&header, block, sizeof header);
+    std::size_t offset = 40;
+    std::size_t colours = 0;
+    switch (header.biBitCount) {
+    case 1:
+        offset = 48;
+        colours = 2;
+        break;
+    case 4:
+        offset = 104;
+        colours = 16;
+        break;
+    case 8:
+        offset = 1064;
+        colours = 256;
+        break;
+    default:
+        break;
+    }
+    // Refuse a header that promises more pixels than the block holds.
+    const std::int64_t height = std::llabs(static_cast<std::int64_t>(header.biHeight));
+    const std::int64_t stride =
+        ((static_cast<std::int64_t>(header.biWidth) * header.biBitCount + 31) / 32) * 4;
+    if (header.biWidth <= 0 || height <= 0 || stride <= 0 ||
+        static_cast<std::int64_t>(offset) + stride * height > static_cast<std::int64_t>(size))
+        return InvalidParameter;
+
+    GpBitmap* bitmap = nullptr;
+    KestrelynStatus status = GdipCreateBitmapFromGdiDib(block, block + offset, &bitmap);
+    if (status != OK) return status;
+    RegisterImage(nImageID, bitmap, "", "", KindDib);
+
+    if (colours > 0) {
+        if (header.biClrUsed > 0 && header.biClrUsed < colours) colours = header.biClrUsed;
+        std::vector<std::uint8_t> buffer(sizeof(ColorPalette) + sizeof(ARGB) * colours);
+        auto* palette = reinterpret_cast<ColorPalette*>(buffer.data());
+        palette->Flags = 0;
+        palette->Count = static_cast<UINT>(colours);
+        for (std::size_t i = 0; i < colours; ++i) {
+            RGBQUAD q;
+            std::memcpy(&q, block + 40 + 4 * i, 4);
+            palette->Entries[i] =
+                0xFF000000u | (ARGB(q.rgbRed) << 16) | (ARGB(q.rgbGreen) << 8) | q.rgbBlue;
+        }
+        // A 1-bit table that starts with the lighter colour is turned around
+        // (bits inverted, entries swapped): black stays black, at index 0.
+        if (header.biBitCount == 1 && colours == 2) {
+            auto lum = [](ARGB c) { return ((c >> 16) & 0xFF) + ((c >> 8) & 0xFF) + (c & 0xFF); };
+            if (lum(palette->Entries[0]) > lum(palette->Entries[1])) {
+                std::swap(palette->Entries[0], palette->Entries[1]);
+                GpRect all{0, 0, header.biWidth, static_cast<INT>(height)};
+                BitmapData data{};
+                if (GdipBitmapLockBits(bitmap, &all, ImageLockModeRead | ImageLockModeWrite,
+                                       PixelFormat1bppIndexed, &data) == OK) {
+                    const std::size_t rowBytes = (static_cast<std::size_t>(header.biWidth) + 7) / 8;
+                    for (INT y = 0; y < static_cast<INT>(height); ++y) {
+                        auto* row = static_cast<std::uint8_t*>(data.Scan0) +
+                                    static_cast<std::ptrdiff_t>(y) * data.Stride;
+                        for (std::size_t x = 0; x < rowBytes; ++x)
+                            row[x] = static_cast<std::uint8_t>(~row[x]);
+                    }
+                    GdipBitmapUnlockBits(bitmap, &data);
+                }
+            }
+        }
+        GdipSetImagePalette(bitmap, palette);
+    }
+    if (bKeepMemory) FindImageRecord(nImageID)->hMemory = hDib;
+    if (header.biXPelsPerMeter > 0 && header.biYPelsPerMeter > 0) {
+        auto dpi = [](std::int32_t ppm) {
+            return static_cast<float>(std::round(ppm * 0.0254 * 100000.0) / 100000.0);
+        };
+        GdipBitmapSetResolution(bitmap, dpi(header.biXPelsPerMeter), dpi(header.biYPelsPerMeter));
+    }
+    return OK;
+}
+
+KestrelynStatus LoadImageFromClipboard(std::int32_t& nImageID) {
+    nImageID = 0;
+    const HBITMAP hBitmap = GetHostServices().ClipboardGetBitmap();
+    if (!hBitmap) return GenericError;
+    const PictureHandle picture = OleCreatePictureIndirect(hBitmap, false);
+    if (!picture) return GenericError;
+    const KestrelynStatus status = LoadImageFromPicture(nImageID, picture);
+    PictureRelease(picture);
+    return status;
+}
+
+// ---------------------------------------------------------------------------
+// The Imaging operations.
+
+namespace {
+// The end of every creating operation: the outcome to nStatus, the new image
+// becomes the native one on success.
+std::int32_t FinishCreate(cImaging& self, KestrelynStatus status, std::int32_t nImageID) {
+    self.nStatus = status;
+    if (status != OK || nImageID == 0) {
+        if (status == OK) self.nStatus = GenericError;
+        return 0;
+    }
+    self.nNativeImage = nImageID;
+    return nImageID;
+}
+
+std::int32_t RegisterHandleImage(cImaging& self, KestrelynStatus status, GpBitmap* bitmap,
+                                 std::int32_t nKind) {
+    if (status != OK) {
+        if (bitmap) GdipDisposeImage(bitmap);
+        return FinishCreate(self, status, 0);
+    }
+    std::int32_t id = 0;
+    RegisterImage(id, bitmap, "", "", nKind);
+    return FinishCreate(self, OK, id);
+}
+} // namespace
+
+std::int32_t cImaging::CreateImageFromFile(const std::string& sFilePath) {
+    std::int32_t id = 0;
+    const KestrelynStatus status = LoadImageFile(id, sFilePath, false, bDisableKyimgplugCodecs,
+                                                 bTiffReadOnly, 0, false, bGifReadOnly);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromFileICM(const std::string& sFilePath) {
+    std::int32_t id = 0;
+    const KestrelynStatus status = LoadImageFile(id, sFilePath, true, bDisableKyimgplugCodecs,
+                                                 bTiffReadOnly, 0, false, bGifReadOnly);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromByteArray(const std::vector<std::uint8_t>& arBytes) {
+    std::int32_t id = 0;
+    const KestrelynStatus status =
+        LoadImageFromBytes(id, arBytes, false, bTiffReadOnly, bGifReadOnly);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromByteArrayICM(const std::vector<std::uint8_t>& arBytes) {
+    std::int32_t id = 0;
+    const KestrelynStatus status =
+        LoadImageFromBytes(id, arBytes, true, bTiffReadOnly, bGifReadOnly);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromMemory(const void* hMem, std::int32_t& nLength) {
+    if (nLength <= 0 || !hMem) return FinishCreate(*this, InvalidParameter, 0);
+    const auto* bytes = static_cast<const std::uint8_t*>(hMem);
+    return CreateImageFromByteArray(std::vector<std::uint8_t>(bytes, bytes + nLength));
+}
+
+std::int32_t cImaging::CreateImageFromString(const std::string& sImageString) {
+    if (sImageString.empty()) return FinishCreate(*this, GenericError, 0);
+    const std::string sBytes = Utf8ToAnsi(sImageString);
+    return CreateImageFromByteArray(std::vector<std::uint8_t>(sBytes.begin(), sBytes.end()));
+}
+
+std::int32_t cImaging::CreateImageFromStringICM(const std::string& sImageString) {
+    if (sImageString.empty()) return FinishCreate(*this, GenericError, 0);
+    const std::string sBytes = Utf8ToAnsi(sImageString);
+    return CreateImageFromByteArrayICM(std::vector<std::uint8_t>(sBytes.begin(), sBytes.end()));
+}
+
+std::int32_t cImaging::CreateImageFromStream(StreamPtr oStream) {
+    std::int32_t id = 0;
+    const KestrelynStatus status = LoadImageFromStream(id, oStream, false);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromStreamICM(StreamPtr oStream) {
+    std::int32_t id = 0;
+    const KestrelynStatus status = LoadImageFromStream(id, oStream, true);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromPicture(PictureHandle oPicture) {
+    std::int32_t id = 0;
+    const KestrelynStatus status = LoadImageFromPicture(id, oPicture);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromDIB(HGLOBAL nDib) {
+    std::int32_t id = 0;
+    const KestrelynStatus status = LoadImageFromDIB(id, nDib, false);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromHBitmap(HBITMAP hBitmap) {
+    GpBitmap* bitmap = nullptr;
+    const KestrelynStatus status = GdipCreateBitmapFromHBITMAP(hBitmap, 0, &bitmap);
+    return RegisterHandleImage(*this, status, bitmap, KindHBitmap);
+}
+
+std::int32_t cImaging::CreateImageFromHICON(HICON hicon) {
+    GpBitmap* bitmap = nullptr;
+    const KestrelynStatus status = GdipCreateBitmapFromHICON(hicon, &bitmap);
+    return RegisterHandleImage(*this, status, bitmap, KindHIcon);
+}
+
+std::int32_t cImaging::CreateImageFromHwnd(HWND hwnd) {
+    // The window system's grab goes through the host services; without a
+    // GUI adapter there is no screen to take pixels from.
+    const HBITMAP hGrab = GetHostServices().GrabWindow(hwnd);
+    if (!hGrab) return FinishCreate(*this, Win32Error, 0);
+    GpBitmap* bitmap = nullptr;
+    const KestrelynStatus status = GdipCreateBitmapFromHBITMAP(hGrab, 0, &bitmap);
+    DeleteObject(hGrab);
+    return RegisterHandleImage(*this, status, bitmap, KindHBitmap);
+}
+
+std::int32_t cImaging::CreateImageFromClipboard() {
+    std::int32_t id = 0;
+    const KestrelynStatus status = LoadImageFromClipboard(id);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromRawBits(std::int32_t nWidth, std::int32_t nHeight,
+                                              std::int32_t nStride, std::int32_t nPixelFormat,
+                                              void* nBits) {
+    std::int32_t id = 0;
+    const KestrelynStatus status =
+        CreateBitmap(nWidth, nHeight, nStride, nPixelFormat, nBits, id, false);
+    return FinishCreate(*this, status, id);
+}
+
+std::int32_t cImaging::CreateImageFromGdiPlusImage(GpImage* nGdiPlusImage) {
+    if (!nGdiPlusImage) return FinishCreate(*this, InvalidParameter, 0);
+    GdipImageForceValidation(nGdiPlusImage);
+    std::int32_t id = 0;
+    RegisterImage(id, nGdiPlusImage, "", "", KindEngine);
+    return FinishCreate(*this, OK, id);
+}
+
+} // namespace kestrelyn
