@@ -2,9 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
 #include <locale>
 #include <sstream>
 
+#include "PdfTestSupport.h"
 #include "pdf/cPDF.h"
 #include "pdf/modAnsi.h"
 
@@ -55,30 +59,54 @@ struct CommaPunct : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
 };
 
+// Puts a German C locale in force: an installed one, or one compiled into the
+// scratch directory with localedef. False if neither can be had.
+bool UseGermanCLocale() {
+    for (const char* sName : {"de_DE.UTF-8", "de_DE.utf8", "de_DE"})
+        if (std::setlocale(LC_ALL, sName)) return true;
+    if (!pdftest::HaveTool("localedef")) return false;
+    const std::string sDir = pdftest::ScratchPath("locales");
+    pdftest::RunCommand("mkdir -p " + pdftest::Quote(sDir) + " && localedef -i de_DE -f UTF-8 " +
+                        pdftest::Quote(sDir + "/de_DE.UTF-8"));
+    ::setenv("LOCPATH", sDir.c_str(), 1);
+    const bool bDone = std::setlocale(LC_ALL, "de_DE.UTF-8") != nullptr;
+    ::unsetenv("LOCPATH");
+    return bDone;
+}
+
 TEST(PdfFormatNumber, IgnoresTheLocalesDecimalComma) {
     const std::locale oSaved =
         std::locale::global(std::locale(std::locale::classic(), new CommaPunct));
-    std::string sSavedC = std::setlocale(LC_ALL, nullptr);
-    bool bCLocale = false;
-    for (const char* sName : {"de_DE.UTF-8", "de_DE.utf8", "de_DE", "fr_FR.UTF-8", "fr_FR"})
-        if (std::setlocale(LC_ALL, sName)) {
-            bCLocale = true;
-            break;
-        }
-    // The comma locale is in force for streams (and for C when one exists).
+    const std::string sSavedC = std::setlocale(LC_ALL, nullptr);
+    const bool bCLocale = UseGermanCLocale();
+    // The comma is in force for streams, and for printf when a C locale was had.
     std::ostringstream oProbe;
     oProbe << 0.5;
     EXPECT_EQ(oProbe.str(), "0,5");
+    if (bCLocale) {
+        char arPrinted[32];
+        std::snprintf(arPrinted, sizeof(arPrinted), "%.1f", 0.5);
+        EXPECT_STREQ(arPrinted, "0,5");
+    }
 
     EXPECT_EQ(cPDF::FormatNumber(0.5), "0.5");
     EXPECT_EQ(cPDF::FormatNumber(1234.567), "1234.567");
     EXPECT_EQ(cPDF::FormatFixed(0.5), "0.50");
     EXPECT_EQ(cPDF::FormatFixed(1234.5), "1234.50");
+    // A whole page's numbers too.
+    const std::string sPath = pdftest::ScratchPath("locale.pdf");
+    cPDF oPdf;
+    oPdf.CompressData(false);
+    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    oPdf.SetColorFill(-128);
+    oPdf.Rectangle(0.5f, 1.25f, 10, 10, 4);
+    oPdf.ClosePdfFile();
+    EXPECT_EQ(pdftest::StreamOfObject(pdftest::ReadFileBytes(sPath), 6),
+              "0.502 g\r\nn\r\n0.5 1.25 10 10 re\r\nf\r\n");
 
     std::setlocale(LC_ALL, sSavedC.c_str());
     std::locale::global(oSaved);
-    if (!bCLocale)
-        std::cout << "[ note ] no German or French C locale installed; C++ locale only\n";
+    if (!bCLocale) std::cout << "[ note ] no German C locale could be had; C++ locale only\n";
 }
 
 TEST(PdfEscape, BackslashFirstThenBrackets) {
