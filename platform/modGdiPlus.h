@@ -237,6 +237,7 @@ inline constexpr GUID EncoderCompression{0xe09d739d, 0xccd4, 0x44ee, {0x8e, 0xba
 inline constexpr GUID EncoderColorDepth{0x66087055, 0xad66, 0x4c7c, {0x9a, 0x18, 0x38, 0xa2, 0x31, 0x0b, 0x83, 0x37}};
 inline constexpr GUID EncoderSaveFlag{0x292266fc, 0xac40, 0x47bf, {0x8c, 0xfc, 0xa8, 0x5b, 0x89, 0xa6, 0x55, 0xde}};
 inline constexpr GUID EncoderQuality{0x1d5be4b5, 0xfa4a, 0x452d, {0x9c, 0xdd, 0x5d, 0xb3, 0x51, 0x05, 0xe7, 0xeb}};
+inline constexpr GUID EncoderTransformation{0x8d0eb2d1, 0xa58e, 0x4ea8, {0xaa, 0x14, 0x10, 0x80, 0x74, 0xb7, 0xb6, 0xf9}};
 
 enum EncoderParameterValueType : UINT {
     EncoderParameterValueTypeByte = 1,
@@ -333,5 +334,13 @@ GpStatus GdipSaveImageToStream(GpImage* image, StreamPtr stream, const GUID* cls
                                const EncoderParameters* encoderParams);
 GpStatus GdipSaveAddImage(GpImage* image, GpImage* newImage, const EncoderParameters* encoderParams);
 GpStatus GdipSaveAdd(GpImage* image, const EncoderParameters* encoderParams);
+
+// Lossless JPEG transformation: `image` is the decoded `sourceFile`, whose
+// compressed blocks are rearranged (Transformation parameter 13..17) and
+// written to `destFile` without recompression; markers are kept. The sides
+// must be whole blocks of the transformation (InvalidParameter otherwise).
+GpStatus GdipTransformJpegFile(GpImage* image, const std::string& sourceFile,
+                               const std::string& destFile, const GUID* clsidEncoder,
+                               const EncoderParameters* encoderParams);
 
 } // namespace kestrelyn

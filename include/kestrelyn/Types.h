@@ -63,6 +63,36 @@ enum UnitMode : std::int32_t {
     UnitMillimeter = 6,
 };
 
+// Compression of a TIFF save.
+enum TifCompression : std::int32_t {
+    CompressionLZW = 2,
+    CompressionCCITT3 = 3,
+    CompressionCCITT4 = 4,
+    CompressionRLE = 5,
+    CompressionNone = 6,
+};
+
+// Lossless transformations of a JPEG file.
+enum JPEGTransformations : std::int32_t {
+    JPEGTransformRotate90 = 13,
+    JPEGTransformRotate180 = 14,
+    JPEGTransformRotate270 = 15,
+    JPEGTransformFlipHorizontal = 16,
+    JPEGTransformFlipVertical = 17,
+};
+
+// Compression of an EXR save (given to the plug-in as save flags).
+enum ExrCompression : std::int32_t {
+    ExrCompressionDefault = 0,
+    ExrCompressionFloat = 1,
+    ExrCompressionNone = 2,
+    ExrCompressionZip = 4,
+    ExrCompressionPiz = 8,
+    ExrCompressionPxr24 = 16,
+    ExrCompressionB44 = 32,
+    ExrCompressionLC = 64,
+};
+
 // An engine image as the host layer hands it out (GetGdiplusImage); opaque to
 // applications.
 struct GpImage;

@@ -226,8 +226,13 @@ GpStatus GdipCreateBitmapFromScan0(INT width, INT height, INT stride, PixelForma
     });
 }
 
+namespace codecs {
+void FinishPendingSave(GpImage* image); // Encoders.cpp
+}
+
 GpStatus GdipDisposeImage(GpImage* image) {
     if (!image) return InvalidParameter;
+    codecs::FinishPendingSave(image);
     delete image;
     return OK;
 }

@@ -240,6 +240,28 @@ GpStatus Save(GpImage* image, const Destination& dest, const GUID* clsid,
 
 } // namespace
 
+namespace codecs {
+
+// A multi-frame save still open when its image goes is completed with the
+// frames it has (the image's disposal closes the file).
+void FinishPendingSave(GpImage* image) {
+    std::unique_ptr<MultiFrameSave> save;
+    {
+        std::lock_guard<std::mutex> lock(gSavesMutex);
+        auto it = Saves().find(image);
+        if (it == Saves().end()) return;
+        save = std::move(it->second);
+        Saves().erase(it);
+    }
+    try {
+        Bytes bytes;
+        if (save->writer.Finish(bytes) == OK) Deliver(save->destination, bytes);
+    } catch (...) {
+    }
+}
+
+} // namespace codecs
+
 GpStatus GdipSaveImageToFile(GpImage* image, const std::string& filename, const GUID* clsidEncoder,
                              const EncoderParameters* encoderParams) {
     if (filename.empty()) return InvalidParameter;
