@@ -130,6 +130,9 @@ int ColorType(const Bitmap& bm) {
 }
 
 BitmapPtr LoadPage(MultiBitmap& m, int page) {
+    struct stat st {};
+    InputBudget budget(
+        ::stat(m.path.c_str(), &st) == 0 && st.st_size > 0 ? std::uint64_t(st.st_size) : 1);
     if (page < int(m.replaced.size()) && m.replaced[std::size_t(page)])
         return CloneBitmap(*m.replaced[std::size_t(page)]);
     int filePages = m.pageCount - int(m.appended.size());

@@ -29,6 +29,15 @@ int BppOfType(int type, int bpp) {
     }
 }
 
+thread_local std::uint64_t g_inputBytes = 0;
+
+InputBudget::InputBudget(std::uint64_t bytes) : saved_(g_inputBytes) {
+    g_inputBytes = bytes;
+}
+InputBudget::~InputBudget() {
+    g_inputBytes = saved_;
+}
+
 BitmapPtr NewBitmap(int type, int width, int height, int bpp) {
     bpp = BppOfType(type, bpp);
     if (width <= 0 || height <= 0 || width > 65535 || height > 65535) throw DecodeError("bad size");
@@ -37,6 +46,12 @@ BitmapPtr NewBitmap(int type, int width, int height, int bpp) {
     if (type == kStandard && bpp != 1 && bpp != 4 && bpp != 8 && bpp != 16 && bpp != 24 &&
         bpp != 32)
         throw DecodeError("bad depth");
+    // A file cannot hold more than a bounded multiple of its own size: a
+    // header that claims more is lying, and is refused before any memory is
+    // spent on it.
+    std::uint64_t need = ((std::uint64_t(width) * bpp + 31) / 32) * 4 * std::uint64_t(height);
+    if (g_inputBytes && need > g_inputBytes * 2048 + (std::uint64_t(64) << 20))
+        throw DecodeError("lying size");
     auto bm = std::make_unique<Bitmap>();
     bm->type = type;
     bm->width = width;

@@ -77,6 +77,19 @@ struct Bitmap {
 
 using BitmapPtr = std::unique_ptr<Bitmap>;
 
+// While alive, bitmaps made on this thread are limited to what a file of
+// `bytes` bytes can plausibly describe.
+class InputBudget {
+  public:
+    explicit InputBudget(std::uint64_t bytes);
+    ~InputBudget();
+    InputBudget(const InputBudget&) = delete;
+    InputBudget& operator=(const InputBudget&) = delete;
+
+  private:
+    std::uint64_t saved_;
+};
+
 // Throws DecodeError for sizes that cannot be real (0, negative, too large).
 BitmapPtr NewBitmap(int type, int width, int height, int bpp);
 int BppOfType(int type, int bpp);

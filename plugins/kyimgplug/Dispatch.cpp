@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include "Codecs.h"
@@ -185,6 +186,9 @@ int DetectByContent(const std::string& path) {
 
 BitmapPtr Decode(int fif, const std::string& path, int flags) {
     try {
+        std::error_code ec;
+        auto size = std::filesystem::file_size(path, ec);
+        InputBudget budget(ec ? 1 : std::max<std::uint64_t>(size, 1));
         BitmapPtr bm;
         Bytes d;
         auto load = [&] {
