@@ -25,81 +25,122 @@ constexpr PixelFormat kFormatARGB = 2498570;
 struct FilterRow {
     FilterFunction fn;
     bool bReadsSource;
+    std::int8_t nBorder; // see FilterSourceBorder
 };
 
 const FilterRow kFilterTable[71] = {
-    /* 0 */ {nullptr, false},
-    /* 1 sharpen */ {FilterSharpen, false},
-    /* 2 negative */ {FilterNegative, false},
-    /* 3 blur */ {FilterBlur, false},
-    /* 4 diffuse */ {FilterDiffuse, false},
-    /* 5 smooth */ {FilterSmooth, false},
-    /* 6 edge enhance */ {FilterEdgeEnhance, false},
-    /* 7 contour */ {FilterContour, true},
-    /* 8 emboss */ {FilterEmboss, false},
-    /* 9 emboss more */ {FilterEmbossMore, true},
-    /* 10 engrave */ {FilterEngrave, false},
-    /* 11 engrave more */ {FilterEngraveMore, true},
-    /* 12 gray */ {FilterGrayscale, false},
-    /* 13 relief */ {FilterRelief, true},
-    /* 14 brightness */ {FilterBrightness, false},
-    /* 15 pixelize */ {nullptr, true},
-    /* 16 swap channels */ {FilterSwapChannels, false},
-    /* 17 contrast */ {FilterContrast, false},
-    /* 18 threshold */ {FilterThreshold, false},
-    /* 19 ordered dither */ {FilterOrderedDither, false},
-    /* 20 error diffusion */ {FilterErrorDiffusion, false},
-    /* 21 free */ {nullptr, false},
-    /* 22 free */ {nullptr, false},
-    /* 23 free */ {nullptr, false},
-    /* 24 aqua */ {FilterAqua, true},
-    /* 25 dilate */ {FilterDilate, true},
-    /* 26 erode */ {FilterErode, true},
-    /* 27 connected contour */ {FilterConnectedContour, true},
-    /* 28 stretch */ {FilterStretchContrast, false},
-    /* 29 add noise */ {nullptr, false},
-    /* 30 saturation */ {FilterSaturation, false},
-    /* 31 gamma */ {FilterGamma, false},
-    /* 32 scan line */ {nullptr, false},
-    /* 33 soften */ {FilterSoften, false},
-    /* 34 colourise */ {FilterColorize, true},
-    /* 35 transparency */ {FilterTransparency, false},
-    /* 36 is grayscale */ {nullptr, false},
-    /* 37 horizontal waves */ {nullptr, true},
-    /* 38 vertical waves */ {nullptr, true},
-    /* 39 channel offsets */ {FilterAdjustRGB, false},
-    /* 40 red eye */ {nullptr, false},
-    /* 41 keep red */ {FilterKeepRed, false},
-    /* 42 keep green */ {FilterKeepGreen, false},
-    /* 43 keep blue */ {FilterKeepBlue, false},
-    /* 44 remove red */ {FilterRemoveRed, false},
-    /* 45 remove green */ {FilterRemoveGreen, false},
-    /* 46 remove blue */ {FilterRemoveBlue, false},
-    /* 47 scale red */ {FilterScaleRed, false},
-    /* 48 scale green */ {FilterScaleGreen, false},
-    /* 49 scale blue */ {FilterScaleBlue, false},
-    /* 50 colour key */ {FilterColorKey, false},
-    /* 51 colour replace */ {FilterColorReplace, false},
-    /* 52 3x3 pattern replacement */ {nullptr, true},
-    /* 53 is blank */ {nullptr, false},
-    /* 54 fire */ {nullptr, false},
-    /* 55 twirl */ {nullptr, true},
-    /* 56 rounded mirror */ {nullptr, true},
-    /* 57 swirl */ {nullptr, true},
-    /* 58 equalise */ {FilterEqualize, false},
-    /* 59 is bitonal */ {nullptr, false},
-    /* 60 count colour */ {nullptr, false},
-    /* 61 3x3 median */ {FilterDespeckle, true},
-    /* 62 bitonal dilation */ {nullptr, true},
-    /* 63 5x5 median */ {FilterDespeckleMore, true},
-    /* 64 one-pixel speck */ {nullptr, true},
-    /* 65 bitonal erosion */ {nullptr, true},
-    /* 66 hole filling */ {nullptr, true},
-    /* 67 transparent marks */ {nullptr, false},
-    /* 68 average colour */ {nullptr, false},
-    /* 69 thin lines */ {nullptr, true},
-    /* 70 2x2 speck */ {nullptr, true},
+    /* 0 */ {nullptr, false, -1},
+    /* 1 sharpen */ {FilterSharpen, false, -1},
+    /* 2 negative */ {FilterNegative, false, -1},
+    /* 3 blur */ {FilterBlur, false, -1},
+    /* 4 diffuse */ {FilterDiffuse, false, -1},
+    /* 5 smooth */ {FilterSmooth, false, -1},
+    /* 6 edge enhance */ {FilterEdgeEnhance, false, -1},
+    /* 7 contour */ {FilterContour, true, 1},
+    /* 8 emboss */ {FilterEmboss, false, -1},
+    /* 9 emboss more */ {FilterEmbossMore, true, 1},
+    /* 10 engrave */ {FilterEngrave, false, -1},
+    /* 11 engrave more */ {FilterEngraveMore, true, 1},
+    /* 12 gray */ {FilterGrayscale, false, -1},
+    /* 13 relief */ {FilterRelief, true, 1},
+    /* 14 brightness */ {FilterBrightness, false, -1},
+    /* 15 pixelize */ {nullptr, true, -1},
+    /* 16 swap channels */ {FilterSwapChannels, false, -1},
+    /* 17 contrast */ {FilterContrast, false, -1},
+    /* 18 threshold */ {FilterThreshold, false, -1},
+    /* 19 ordered dither */ {FilterOrderedDither, false, -1},
+    /* 20 error diffusion */ {FilterErrorDiffusion, false, -1},
+    /* 21 free */ {nullptr, false, -1},
+    /* 22 free */ {nullptr, false, -1},
+    /* 23 free */ {nullptr, false, -1},
+    /* 24 aqua */ {FilterAqua, true, 2},
+    /* 25 dilate */ {FilterDilate, true, 1},
+    /* 26 erode */ {FilterErode, true, 1},
+    /* 27 connected contour */ {FilterConnectedContour, true, 1},
+    /* 28 stretch */ {FilterStretchContrast, false, -1},
+    /* 29 add noise */ {nullptr, false, -1},
+    /* 30 saturation */ {FilterSaturation, false, -1},
+    /* 31 gamma */ {FilterGamma, false, -1},
+    /* 32 scan line */ {nullptr, false, -1},
+    /* 33 soften */ {FilterSoften, false, -1},
+    /* 34 colourise */ {FilterColorize, true, 0},
+    /* 35 transparency */ {FilterTransparency, false, -1},
+    /* 36 is grayscale */ {nullptr, false, -1},
+    /* 37 horizontal waves */ {nullptr, true, -1},
+    /* 38 vertical waves */ {nullptr, true, -1},
+    /* 39 channel offsets */ {FilterAdjustRGB, false, -1},
+    /* 40 red eye */ {nullptr, false, -1},
+    /* 41 keep red */ {FilterKeepRed, false, -1},
+    /* 42 keep green */ {FilterKeepGreen, false, -1},
+    /* 43 keep blue */ {FilterKeepBlue, false, -1},
+    /* 44 remove red */ {FilterRemoveRed, false, -1},
+    /* 45 remove green */ {FilterRemoveGreen, false, -1},
+    /* 46 remove blue */ {FilterRemoveBlue, false, -1},
+    /* 47 scale red */ {FilterScaleRed, false, -1},
+    /* 48 scale green */ {FilterScaleGreen, false, -1},
+    /* 49 scale blue */ {FilterScaleBlue, false, -1},
+    /* 50 colour key */ {FilterColorKey, false, -1},
+    /* 51 colour replace */ {FilterColorReplace, false, -1},
+    /* 52 3x3 pattern replacement */ {nullptr, true, -1},
+    /* 53 is blank */ {nullptr, false, -1},
+    /* 54 fire */ {nullptr, false, -1},
+    /* 55 twirl */ {nullptr, true, -1},
+    /* 56 rounded mirror */ {nullptr, true, -1},
+    /* 57 swirl */ {nullptr, true, -1},
+    /* 58 equalise */ {FilterEqualize, false, -1},
+    /* 59 is bitonal */ {nullptr, false, -1},
+    /* 60 count colour */ {nullptr, false, -1},
+    /* 61 3x3 median */ {FilterDespeckle, true, 1},
+    /* 62 bitonal dilation */ {nullptr, true, -1},
+    /* 63 5x5 median */ {FilterDespeckleMore, true, 2},
+    /* 64 one-pixel speck */ {nullptr, true, -1},
+    /* 65 bitonal erosion */ {nullptr, true, -1},
+    /* 66 hole filling */ {nullptr, true, -1},
+    /* 67 transparent marks */ {nullptr, false, -1},
+    /* 68 average colour */ {nullptr, false, -1},
+    /* 69 thin lines */ {nullptr, true, -1},
+    /* 70 2x2 speck */ {nullptr, true, -1},
 };
+
+// The identifiers whose function needs no copy and cannot fail once it has
+// started writing (tables and divisors are checked first): on a 32-bit ARGB
+// image they may run straight in the image's rows, since a run that fails
+// leaves the pixels as they were either way.
+bool RunsInImage(std::int32_t id) {
+    switch (id) {
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+    case 5:
+    case 6:
+    case 8:
+    case 10:
+    case 12:
+    case 14:
+    case 16:
+    case 17:
+    case 18:
+    case 19:
+    case 20:
+    case 28:
+    case 31:
+    case 35:
+    case 39:
+    case 41:
+    case 42:
+    case 43:
+    case 44:
+    case 45:
+    case 46:
+    case 50:
+    case 51:
+    case 58:
+        return true;
+    default:
+        return false;
+    }
+}
 
 bool IsYesNoStatistic(std::int32_t id) {
     return id == 36 || id == 53 || id == 59;
@@ -109,6 +150,85 @@ bool IsNumberStatistic(std::int32_t id) {
 }
 
 thread_local std::uint32_t tRandomState = 0x2545F491u;
+
+// The per-thread pool behind FilterPixels: at most two blocks are kept (the
+// frame's work and source buffers), so a thread holds on to no more than two
+// zones' worth of pixels between runs.
+class PixelPool {
+  public:
+    ~PixelPool() {
+        for (Block& b : blocks_)
+            delete[] b.p;
+    }
+    std::uint32_t* Take(std::size_t n, std::size_t& cap) {
+        int best = -1;
+        for (int i = 0; i < 2; ++i)
+            if (blocks_[i].p && blocks_[i].cap >= n &&
+                (best < 0 || blocks_[i].cap < blocks_[best].cap))
+                best = i;
+        if (best >= 0) {
+            const Block b = blocks_[best];
+            blocks_[best] = Block{};
+            cap = b.cap;
+            return b.p;
+        }
+        cap = n;
+        return new std::uint32_t[n]; // left uninitialised: every user overwrites it
+    }
+    void Give(std::uint32_t* p, std::size_t cap) {
+        int slot = !blocks_[0].p ? 0 : (!blocks_[1].p ? 1 : -1);
+        if (slot < 0) {
+            slot = blocks_[0].cap <= blocks_[1].cap ? 0 : 1;
+            if (blocks_[slot].cap >= cap) {
+                delete[] p;
+                return;
+            }
+            delete[] blocks_[slot].p;
+        }
+        blocks_[slot] = Block{p, cap};
+    }
+
+  private:
+    struct Block {
+        std::uint32_t* p = nullptr;
+        std::size_t cap = 0;
+    };
+    Block blocks_[2];
+};
+
+thread_local PixelPool tPixelPool;
+
+// Holds a read lock on an image while its rows are lent to SourcePixels.
+class ReadLock {
+  public:
+    ReadLock(cImaging& owner, std::int32_t nImage) : owner_(owner), image_(nImage) {}
+    ~ReadLock() { Unlock(); }
+    ReadLock(const ReadLock&) = delete;
+    ReadLock& operator=(const ReadLock&) = delete;
+    // Locks the zone in the image's own 32-bit format; true when its rows lie
+    // packed one after the other in the image's memory.
+    bool LockPacked(const FilterZone& z) {
+        GpRect rect{z.Left, z.Top, z.Width, z.Height};
+        PixelFormat fmt = kFormatARGB;
+        if (owner_.LockBits(image_, rect, 1, fmt, data_) != OK) return false;
+        bLocked_ = true;
+        if (data_.Scan0 && (data_.Stride == 4 * z.Width || z.Height == 1)) return true;
+        Unlock();
+        return false;
+    }
+    const std::uint32_t* Pixels() const { return static_cast<const std::uint32_t*>(data_.Scan0); }
+    KestrelynStatus Unlock() {
+        if (!bLocked_) return OK;
+        bLocked_ = false;
+        return owner_.UnlockBits(image_, data_);
+    }
+
+  private:
+    cImaging& owner_;
+    std::int32_t image_;
+    BitmapData data_{};
+    bool bLocked_ = false;
+};
 
 // Locks a rectangle into (flag 5) or out of (flag 6) a caller's buffer.
 KestrelynStatus Transfer(cImaging& owner, std::int32_t nImage, const FilterZone& z, UINT nFlags,
@@ -251,16 +371,69 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
         return st;
     }
 
-    // 6-7. Working buffers.
-    ctx.WorkPixels.resize(count);
-    st = Transfer(owner, Image, Zone, 5, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
-    if (st != OK) return st;
-    if (FilterReadsSource(FilterId)) ctx.SourcePixels = ctx.WorkPixels;
+    // A function that may run in the image's rows does so when they are
+    // 32-bit ARGB and packed: no copy in, none out.
+    if (fn && RunsInImage(FilterId) && format == kFormatARGB) {
+        bool bPacked = false;
+        {
+            ReadLock probe(owner, Image);
+            bPacked = probe.LockPacked(Zone);
+            st = probe.Unlock();
+            if (st != OK) return st;
+        }
+        if (bPacked) {
+            GpRect rect{Zone.Left, Zone.Top, Zone.Width, Zone.Height};
+            BitmapData data;
+            PixelFormat fmt = kFormatARGB;
+            st = owner.LockBits(Image, rect, 3, fmt, data);
+            if (st != OK) return st;
+            if (data.Stride == 4 * Zone.Width || Zone.Height == 1) {
+                ctx.WorkPixels.Borrow(static_cast<std::uint32_t*>(data.Scan0), count);
+                ctx.PixelIndex = 0;
+                try {
+                    fn(ctx);
+                } catch (...) {
+                    ctx.WorkPixels.Release();
+                    owner.UnlockBits(Image, data);
+                    throw;
+                }
+                bAnswered = true;
+                ctx.WorkPixels.Release();
+                return owner.UnlockBits(Image, data);
+            }
+            st = owner.UnlockBits(Image, data);
+            if (st != OK) return st;
+        }
+    }
+
+    // 6-7. Working buffers. An identifier that reads a copy gets the zone as
+    // SourcePixels (the image's own rows when they are 32-bit ARGB and packed,
+    // so nothing is copied); WorkPixels then only needs what its function
+    // leaves alone.
+    ReadLock sourceLock(owner, Image);
+    ctx.WorkPixels.ResizeForOverwrite(count);
+    if (fn && FilterReadsSource(FilterId)) {
+        if (format == kFormatARGB && sourceLock.LockPacked(Zone)) {
+            ctx.SourcePixels.Borrow(sourceLock.Pixels(), count);
+        } else {
+            ctx.SourcePixels.ResizeForOverwrite(count);
+            st = Transfer(owner, Image, Zone, 5, kFormatARGB, ctx.SourcePixels.data(),
+                          4 * Zone.Width);
+            if (st != OK) return st;
+        }
+        PrepareWorkFromSource(FilterId, ctx);
+    } else {
+        st = Transfer(owner, Image, Zone, 5, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
+        if (st != OK) return st;
+    }
 
     // 9. The filter.
     ctx.PixelIndex = 0;
     if (fn) fn(ctx);
     bAnswered = fn != nullptr;
+    ctx.SourcePixels.Release();
+    st = sourceLock.Unlock();
+    if (st != OK) return st;
 
     // 10-11. Back into the image.
     if (IsYesNoStatistic(FilterId)) return OK;
@@ -313,10 +486,80 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
 
 } // namespace
 
+FilterPixels::FilterPixels(const std::vector<std::uint32_t>& v) {
+    ResizeForOverwrite(v.size());
+    if (!v.empty()) std::memcpy(p_, v.data(), v.size() * sizeof(std::uint32_t));
+}
+
+FilterPixels::FilterPixels(const FilterPixels& other) {
+    ResizeForOverwrite(other.n_);
+    if (other.n_) std::memcpy(p_, other.p_, other.n_ * sizeof(std::uint32_t));
+}
+
+FilterPixels::FilterPixels(FilterPixels&& other) noexcept
+    : p_(other.p_), n_(other.n_), cap_(other.cap_), owned_(other.owned_) {
+    other.p_ = nullptr;
+    other.n_ = other.cap_ = 0;
+    other.owned_ = false;
+}
+
+FilterPixels& FilterPixels::operator=(const FilterPixels& other) {
+    if (this != &other) {
+        ResizeForOverwrite(other.n_);
+        if (other.n_) std::memcpy(p_, other.p_, other.n_ * sizeof(std::uint32_t));
+    }
+    return *this;
+}
+
+FilterPixels& FilterPixels::operator=(FilterPixels&& other) noexcept {
+    if (this != &other) {
+        Release();
+        p_ = other.p_;
+        n_ = other.n_;
+        cap_ = other.cap_;
+        owned_ = other.owned_;
+        other.p_ = nullptr;
+        other.n_ = other.cap_ = 0;
+        other.owned_ = false;
+    }
+    return *this;
+}
+
+FilterPixels::~FilterPixels() {
+    Release();
+}
+
+void FilterPixels::ResizeForOverwrite(std::size_t n) {
+    if (owned_ && cap_ >= n) {
+        n_ = n;
+        return;
+    }
+    Release();
+    if (n == 0) return;
+    p_ = tPixelPool.Take(n, cap_);
+    n_ = n;
+    owned_ = true;
+}
+
+void FilterPixels::Borrow(const std::uint32_t* p, std::size_t n) {
+    Release();
+    // Borrowed pixels are only read; the pointer is non-const so that owned
+    // and borrowed runs share one type.
+    p_ = const_cast<std::uint32_t*>(p);
+    n_ = n;
+}
+
+void FilterPixels::Release() {
+    if (owned_ && p_) tPixelPool.Give(p_, cap_);
+    p_ = nullptr;
+    n_ = cap_ = 0;
+    owned_ = false;
+}
+
 FilterContext FilterContext::Over(std::vector<std::uint32_t> pixels, std::int32_t nWidth,
                                   std::int32_t nHeight) {
     FilterContext ctx;
-    ctx.WorkPixels = std::move(pixels);
+    ctx.WorkPixels = FilterPixels(pixels);
     ctx.ZoneWidth = nWidth;
     ctx.ZoneHeight = nHeight;
     ctx.ImageWidth = nWidth;
@@ -333,6 +576,36 @@ FilterFunction FindFilterFunction(std::int32_t nFilterId) {
 bool FilterReadsSource(std::int32_t nFilterId) {
     if (nFilterId < 1 || nFilterId > 70) return false;
     return kFilterTable[nFilterId].bReadsSource;
+}
+
+std::int32_t FilterSourceBorder(std::int32_t nFilterId) {
+    if (nFilterId < 1 || nFilterId > 70 || !kFilterTable[nFilterId].bReadsSource ||
+        !kFilterTable[nFilterId].fn)
+        return -1;
+    return kFilterTable[nFilterId].nBorder;
+}
+
+void PrepareWorkFromSource(std::int32_t nFilterId, FilterContext& ctx) {
+    const std::int32_t r = FilterSourceBorder(nFilterId);
+    const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
+    const std::uint32_t* s = ctx.SourcePixels.data();
+    std::uint32_t* w = ctx.WorkPixels.data();
+    const std::size_t n = ctx.WorkPixels.size();
+    if (r < 0 || W < 2 * r + 1 || H < 2 * r + 1) {
+        if (n) std::memcpy(w, s, n * sizeof(std::uint32_t));
+        return;
+    }
+    if (r == 0) return;
+    const std::size_t rowBytes = static_cast<std::size_t>(W) * sizeof(std::uint32_t);
+    const std::size_t edge = static_cast<std::size_t>(r) * sizeof(std::uint32_t);
+    std::memcpy(w, s, rowBytes * r);
+    const std::size_t tail = static_cast<std::size_t>(H - r) * W;
+    std::memcpy(w + tail, s + tail, rowBytes * r);
+    for (std::int32_t y = r; y < H - r; ++y) {
+        const std::size_t row = static_cast<std::size_t>(y) * W;
+        std::memcpy(w + row, s + row, edge);
+        std::memcpy(w + row + W - r, s + row + W - r, edge);
+    }
 }
 
 void ApplyFilter(std::int32_t nFilterId, FilterContext& ctx) {

@@ -7,6 +7,7 @@
 // threads may filter two images at the same time.
 #pragma once
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -16,9 +17,50 @@ namespace kestrelyn {
 
 class cImaging;
 
+// A flat run of pixels (bytes blue, green, red, alpha; rows packed). It either
+// owns an uninitialised block or borrows someone else's pixels (the frame
+// lends an image's own rows this way). Owned blocks come from and
+// return to a small per-thread pool, so a filter run over a large image does
+// not pay for fresh pages on every call.
+class FilterPixels {
+  public:
+    FilterPixels() = default;
+    FilterPixels(const std::vector<std::uint32_t>& v); // NOLINT: implicit by design
+    FilterPixels(const FilterPixels& other);
+    FilterPixels(FilterPixels&& other) noexcept;
+    FilterPixels& operator=(const FilterPixels& other);
+    FilterPixels& operator=(FilterPixels&& other) noexcept;
+    ~FilterPixels();
+
+    // Owns `n` pixels whose values are unspecified.
+    void ResizeForOverwrite(std::size_t n);
+    // Borrows `n` pixels at `p` (not copied; the owner keeps them alive). They
+    // are written only when the owner handed them out for writing.
+    void Borrow(const std::uint32_t* p, std::size_t n);
+    void Release();
+
+    std::uint32_t* data() { return p_; }
+    const std::uint32_t* data() const { return p_; }
+    std::size_t size() const { return n_; }
+    bool empty() const { return n_ == 0; }
+    std::uint32_t& operator[](std::size_t i) { return p_[i]; }
+    const std::uint32_t& operator[](std::size_t i) const { return p_[i]; }
+    std::uint32_t* begin() { return p_; }
+    std::uint32_t* end() { return p_ + n_; }
+    const std::uint32_t* begin() const { return p_; }
+    const std::uint32_t* end() const { return p_ + n_; }
+    operator std::vector<std::uint32_t>() const { return {p_, p_ + n_}; }
+
+  private:
+    std::uint32_t* p_ = nullptr;
+    std::size_t n_ = 0;
+    std::size_t cap_ = 0; // capacity of an owned block
+    bool owned_ = false;
+};
+
 struct FilterContext {
-    std::vector<std::uint32_t> WorkPixels;
-    std::vector<std::uint32_t> SourcePixels; // only for the identifiers that read a copy
+    FilterPixels WorkPixels;
+    FilterPixels SourcePixels; // only for the identifiers that read a copy
     std::int32_t ZoneWidth = 0;
     std::int32_t ZoneHeight = 0;
     std::int32_t PixelIndex = 0;
@@ -48,6 +90,15 @@ using FilterFunction = void (*)(FilterContext&);
 FilterFunction FindFilterFunction(std::int32_t nFilterId);
 // True for the identifiers that read an untouched copy (SourcePixels).
 bool FilterReadsSource(std::int32_t nFilterId);
+// For an identifier that reads SourcePixels: the width of the frame that its
+// function leaves alone. Every pixel inside that frame (alpha included) is
+// written from SourcePixels alone, so WorkPixels need only hold the frame's
+// pixels beforehand (all of them when the zone is too small for an inside).
+// -1 where WorkPixels must start as a full copy.
+std::int32_t FilterSourceBorder(std::int32_t nFilterId);
+// Fills WorkPixels (already sized) from SourcePixels where the function of
+// the identifier does not write: the border, or everything.
+void PrepareWorkFromSource(std::int32_t nFilterId, FilterContext& ctx);
 // Fills SourcePixels from WorkPixels when the identifier needs it and runs the
 // function. A failed byte conversion throws std::range_error.
 void ApplyFilter(std::int32_t nFilterId, FilterContext& ctx);

@@ -75,6 +75,56 @@ template <typename Fn> void InPlace8(FilterContext& ctx, Fn fn) {
     }
 }
 
+// The linear members of the in-place 8-neighbour family: Clamp8((c * k -
+// mul * Sum8) / d). The numerator spans a small range, so the division and
+// the clamp become one byte table indexed by it. For row y the part of the
+// numerator without the (already filtered) left neighbour is computed for
+// the whole row first, lane by lane; the serial pass is then one subtraction
+// and one table read per channel.
+bool InPlace8Linear(FilterContext& ctx, std::int32_t k, std::int32_t mul, std::int32_t d) {
+    const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
+    const std::int64_t lo = std::min<std::int64_t>(0, 255LL * k) - 2040LL * std::max(mul, 0) +
+                            2040LL * std::min(mul, 0);
+    const std::int64_t hi = std::max<std::int64_t>(0, 255LL * k) + 2040LL * std::max(-mul, 0);
+    if (hi - lo + 1 > (1 << 16) || d == 0 || mul < 0) return false;
+    if (W < 3 || H < 3) return true;
+    const std::int32_t off = static_cast<std::int32_t>(-lo);
+    std::vector<std::uint8_t> table(static_cast<std::size_t>(hi - lo + 1));
+    for (std::int64_t n = lo; n <= hi; ++n)
+        table[static_cast<std::size_t>(n - lo)] =
+            static_cast<std::uint8_t>(Clamp8(static_cast<std::int32_t>(n / d)));
+    const std::uint8_t* T = table.data();
+    std::vector<std::int32_t> nb(W), ng(W), nr(W);
+    std::uint32_t* w = ctx.WorkPixels.data();
+    for (std::int32_t y = 1; y < H - 1; ++y) {
+        const std::uint32_t* up = w + static_cast<std::size_t>(y - 1) * W;
+        std::uint32_t* cur = w + static_cast<std::size_t>(y) * W;
+        const std::uint32_t* dn = cur + W;
+        for (std::int32_t x = 1; x < W - 1; ++x) {
+            const std::uint32_t a0 = up[x - 1], a1 = up[x], a2 = up[x + 1], c = cur[x],
+                                c1 = cur[x + 1], b0 = dn[x - 1], b1 = dn[x], b2 = dn[x + 1];
+            const std::int32_t sb =
+                Ch(a0, 0) + Ch(a1, 0) + Ch(a2, 0) + Ch(c1, 0) + Ch(b0, 0) + Ch(b1, 0) + Ch(b2, 0);
+            const std::int32_t sg =
+                Ch(a0, 8) + Ch(a1, 8) + Ch(a2, 8) + Ch(c1, 8) + Ch(b0, 8) + Ch(b1, 8) + Ch(b2, 8);
+            const std::int32_t sr = Ch(a0, 16) + Ch(a1, 16) + Ch(a2, 16) + Ch(c1, 16) + Ch(b0, 16) +
+                                    Ch(b1, 16) + Ch(b2, 16);
+            nb[x] = Ch(c, 0) * k - mul * sb + off;
+            ng[x] = Ch(c, 8) * k - mul * sg + off;
+            nr[x] = Ch(c, 16) * k - mul * sr + off;
+        }
+        std::int32_t lb = Ch(cur[0], 0), lg = Ch(cur[0], 8), lr = Ch(cur[0], 16);
+        for (std::int32_t x = 1; x < W - 1; ++x) {
+            lb = T[nb[x] - mul * lb];
+            lg = T[ng[x] - mul * lg];
+            lr = T[nr[x] - mul * lr];
+            cur[x] = Pack(cur[x], static_cast<std::uint32_t>(lr), static_cast<std::uint32_t>(lg),
+                          static_cast<std::uint32_t>(lb));
+        }
+    }
+    return true;
+}
+
 // The in-place 4-neighbour (cross) family: fn(c, left + right + up + down).
 template <typename Fn> void InPlaceCross(FilterContext& ctx, Fn fn) {
     const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
@@ -105,7 +155,7 @@ template <typename Fn> void TwoBuffer3(FilterContext& ctx, Fn fn) {
     for (std::int32_t y = 1; y < H - 1; ++y)
         for (std::int32_t x = 1; x < W - 1; ++x) {
             const std::size_t i = static_cast<std::size_t>(y) * W + x;
-            w[i] = Pack(w[i], fn(s, i, W, 16), fn(s, i, W, 8), fn(s, i, W, 0));
+            w[i] = Pack(s[i], fn(s, i, W, 16), fn(s, i, W, 8), fn(s, i, W, 0));
         }
 }
 
@@ -116,6 +166,7 @@ void FilterSharpen(FilterContext& ctx) {
     const std::int32_t s = RoundI(ctx.Param1);
     const std::int32_t k = s + 24, d = s + 8;
     if (d == 0) throw std::domain_error("division by zero");
+    if (InPlace8Linear(ctx, k, 2, d)) return;
     InPlace8(ctx, [k, d](std::int32_t c, std::int32_t sum8) -> std::uint32_t {
         return Clamp8((c * k - 2 * sum8) / d);
     });
@@ -164,6 +215,7 @@ void FilterEdgeEnhance(FilterContext& ctx) {
     const std::int32_t s = RoundI(ctx.Param1);
     const std::int32_t k = s + 9, d = s + 1;
     if (d == 0) throw std::domain_error("division by zero");
+    if (InPlace8Linear(ctx, k, 1, d)) return;
     InPlace8(ctx, [k, d](std::int32_t c, std::int32_t sum8) -> std::uint32_t {
         return Clamp8((c * k - sum8) / d);
     });
@@ -232,7 +284,7 @@ void ReliefMore(FilterContext& ctx, std::int32_t sign) {
     for (std::int32_t y = 1; y < H - 1; ++y)
         for (std::int32_t x = 1; x < W - 1; ++x) {
             const std::size_t i = static_cast<std::size_t>(y) * W + x;
-            w[i] = Pack(w[i], e(i, 0), e(i, 8), e(i, 16));
+            w[i] = Pack(s[i], e(i, 0), e(i, 8), e(i, 16));
         }
 }
 
@@ -325,7 +377,7 @@ void FilterAqua(FilterContext& ctx) {
                 out[k] = static_cast<std::uint32_t>(best);
             }
             const std::size_t i = static_cast<std::size_t>(y) * W + x;
-            w[i] = Pack(w[i], out[0], out[1], out[2]);
+            w[i] = Pack(s[i], out[0], out[1], out[2]);
         }
 }
 
@@ -337,9 +389,10 @@ namespace {
 inline __m128i Load(const std::uint32_t* p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
 }
-inline void StoreKeepAlpha(std::uint32_t* p, __m128i v) {
+// Stores the colour bytes of `v` with the alpha bytes of the source pixels.
+inline void StoreKeepAlpha(std::uint32_t* p, const std::uint32_t* alphaFrom, __m128i v) {
     const __m128i am = _mm_set1_epi32(static_cast<int>(kAlpha));
-    const __m128i old = Load(p);
+    const __m128i old = Load(alphaFrom);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(p),
                      _mm_or_si128(_mm_and_si128(old, am), _mm_andnot_si128(am, v)));
 }
@@ -358,7 +411,7 @@ template <bool bMax> void Extreme3x3(FilterContext& ctx) {
             __m128i v = op(op(Load(c - W - 1), Load(c - W)), Load(c - W + 1));
             v = op(v, op(op(Load(c - 1), Load(c)), Load(c + 1)));
             v = op(v, op(op(Load(c + W - 1), Load(c + W)), Load(c + W + 1)));
-            StoreKeepAlpha(w + row + x, v);
+            StoreKeepAlpha(w + row + x, c, v);
         }
         for (; x < W - 1; ++x) {
             const std::size_t i = row + x;
@@ -372,7 +425,7 @@ template <bool bMax> void Extreme3x3(FilterContext& ctx) {
                     }
                 out[k] = static_cast<std::uint32_t>(m);
             }
-            w[i] = Pack(w[i], out[2], out[1], out[0]);
+            w[i] = Pack(s[i], out[2], out[1], out[0]);
         }
     }
 }
@@ -448,10 +501,10 @@ void FilterDespeckle(FilterContext& ctx) {
             const __m128i mn =
                 _mm_min_epu8(_mm_min_epu8(Load(&hi[x - 1]), Load(&hi[x])), Load(&hi[x + 1]));
             const __m128i md = Med3(Load(&mid[x - 1]), Load(&mid[x]), Load(&mid[x + 1]));
-            StoreKeepAlpha(w + row + x, Med3(mx, md, mn));
+            StoreKeepAlpha(w + row + x, s + row + x, Med3(mx, md, mn));
         }
         for (; x < W - 1; ++x)
-            w[row + x] = (w[row + x] & kAlpha) | (MedianScalar(s, row + x, W, 1) & 0x00FFFFFFu);
+            w[row + x] = MedianScalar(s, row + x, W, 1);
     }
 }
 
@@ -610,9 +663,9 @@ void FilterDespeckleMore(FilterContext& ctx) {
         const std::size_t row = static_cast<std::size_t>(y) * W;
         std::int32_t x = 2;
         for (; x + 4 <= W - 2; x += 4)
-            StoreKeepAlpha(w + row + x, Median25(s + row + x, W));
+            StoreKeepAlpha(w + row + x, s + row + x, Median25(s + row + x, W));
         for (; x < W - 2; ++x)
-            w[row + x] = (w[row + x] & kAlpha) | (MedianScalar(s, row + x, W, 2) & 0x00FFFFFFu);
+            w[row + x] = MedianScalar(s, row + x, W, 2);
     }
 }
 
