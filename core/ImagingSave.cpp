@@ -207,11 +207,12 @@ void RepairForSave(std::int32_t nImageID) {
     if (x < 0.5f || y < 0.5f) {
         // The multiplier grows from 1 until the smaller resolution passes 0.5
         // (0.1 by 0.2 becomes 0.6 by 1.2).
-        const double smaller = std::min(x, y);
-        double k = 1.0;
+        // The product is taken at the resolution's own (single) precision.
+        const float smaller = std::min(x, y);
+        float k = 1.0f;
         if (smaller > 0) {
-            while (k * smaller <= 0.5 && k < 1e7)
-                k += 1.0;
+            while (k * smaller <= 0.5f && k < 1e7f)
+                k += 1.0f;
         }
         WriteImageResolution(nImageID, static_cast<float>(x * k), static_cast<float>(y * k));
     }
