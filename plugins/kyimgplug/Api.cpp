@@ -238,20 +238,16 @@ KYP_EXPORT int KYIMGPLUG_CloseMultiBitmap(std::intptr_t h, int flags) {
     if (!m) return 0;
     bool ok = true;
     if (!m->readOnly && (m->create || m->modified) && m->pageCount > 0) {
-        if (m->fif == kTIFF) {
-            std::vector<BitmapPtr> pages;
-            for (int i = 0; i < m->pageCount && ok; ++i) {
-                pages.push_back(LoadPage(*m, i));
-                ok = pages.back() != nullptr;
-            }
-            std::vector<const Bitmap*> raw;
-            for (auto& p : pages)
-                raw.push_back(p.get());
-            // Decode everything first: the file may be the one being rewritten.
-            ok = ok && EncodeTIFF(raw, flags, m->path);
-        } else {
-            ok = false; // animated GIF writing is done by the host's own writer
+        std::vector<BitmapPtr> pages;
+        for (int i = 0; i < m->pageCount && ok; ++i) {
+            pages.push_back(LoadPage(*m, i));
+            ok = pages.back() != nullptr;
         }
+        std::vector<const Bitmap*> raw;
+        for (auto& p : pages)
+            raw.push_back(p.get());
+        // Everything is decoded first: the file may be the one being rewritten.
+        if (ok) ok = m->fif == kTIFF ? EncodeTIFF(raw, flags, m->path) : EncodeGIF(raw, m->path);
     }
     for (auto& e : m->locked)
         Free<Bitmap>(reinterpret_cast<std::intptr_t>(e.first), g_bitmaps);

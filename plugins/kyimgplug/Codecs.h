@@ -157,6 +157,7 @@ bool EncodeJPEG(const Bitmap& bm, int quality, Bytes& out);
 bool EncodeJ2K(const Bitmap& bm, bool jp2, int rate, const std::string& path);
 bool EncodeEXR(const Bitmap& bm, int flags, const std::string& path);
 bool EncodeJBIG(const Bitmap& bm, Bytes& out);
+bool EncodeGIF(const std::vector<const Bitmap*>& pages, const std::string& path);
 bool EncodeTIFF(const std::vector<const Bitmap*>& pages, int flags, const std::string& path);
 
 // Services

@@ -8,6 +8,7 @@
 extern "C" {
 #include <jbig.h>
 }
+#include <gif_lib.h>
 #include <jpeglib.h>
 #include <openjpeg.h>
 #include <png.h>
@@ -755,6 +756,120 @@ long CompressCCITT4(const std::uint8_t* src, int width, int height, int stride, 
     }
     TIFFClose(r);
     return result;
+}
+
+// ---------------------------------------------------------------- GIF
+// One frame per page. Pages of 256 colours or fewer keep their palette; the
+// others are quantised by giflib to 255 colours, index 255 standing for
+// pixels whose alpha is below one half. Each page carries its delay,
+// disposal and (the first) the loop count.
+namespace {
+struct GifPage {
+    int w = 0, h = 0;
+    std::vector<GifColorType> colours;
+    std::vector<GifByteType> index;
+    int transparent = -1;
+};
+
+bool MakeGifPage(const Bitmap& bm, GifPage& out) {
+    out.w = bm.width;
+    out.h = bm.height;
+    out.index.assign(std::size_t(bm.width) * bm.height, 0);
+    if (bm.type == kStandard && bm.bpp <= 8) {
+        for (int i = 0; i < bm.colors(); ++i)
+            out.colours.push_back({bm.palette[std::size_t(i) * 4 + 2],
+                                   bm.palette[std::size_t(i) * 4 + 1],
+                                   bm.palette[std::size_t(i) * 4]});
+        for (std::size_t i = 0; i < bm.transparency.size(); ++i)
+            if (bm.transparency[i] == 0) {
+                out.transparent = int(i);
+                break;
+            }
+        for (int y = 0; y < bm.height; ++y)
+            for (int x = 0; x < bm.width; ++x) {
+                const std::uint8_t* r = bm.row(y);
+                int v = bm.bpp == 8   ? r[x]
+                        : bm.bpp == 4 ? (r[x >> 1] >> ((x & 1) ? 0 : 4)) & 15
+                                      : (r[x >> 3] >> (7 - (x & 7))) & 1;
+                out.index[std::size_t(y) * bm.width + x] = GifByteType(v);
+            }
+        return true;
+    }
+    std::size_t n = out.index.size();
+    std::vector<GifByteType> red(n), green(n), blue(n);
+    std::vector<bool> clear(n, false);
+    bool anyClear = false;
+    for (int y = 0; y < bm.height; ++y)
+        for (int x = 0; x < bm.width; ++x) {
+            std::uint8_t c[4];
+            PixelRGBA(bm, x, y, c);
+            std::size_t i = std::size_t(y) * bm.width + x;
+            red[i] = c[0];
+            green[i] = c[1];
+            blue[i] = c[2];
+            if (c[3] < 128) clear[i] = anyClear = true;
+        }
+    int size = anyClear ? 255 : 256;
+    std::vector<GifColorType> map(256);
+    if (GifQuantizeBuffer(unsigned(bm.width), unsigned(bm.height), &size, red.data(), green.data(),
+                          blue.data(), out.index.data(), map.data()) != GIF_OK)
+        return false;
+    out.colours.assign(map.begin(), map.begin() + size);
+    if (anyClear) {
+        out.colours.resize(256, GifColorType{0, 0, 0});
+        out.transparent = 255;
+        for (std::size_t i = 0; i < n; ++i)
+            if (clear[i]) out.index[i] = 255;
+    }
+    return true;
+}
+} // namespace
+
+bool EncodeGIF(const std::vector<const Bitmap*>& pages, const std::string& path) {
+    if (pages.empty()) return false;
+    std::vector<GifPage> made(pages.size());
+    for (std::size_t i = 0; i < pages.size(); ++i)
+        if (!MakeGifPage(*pages[i], made[i])) return false;
+    int err = 0;
+    GifFileType* gif = EGifOpenFileName(path.c_str(), false, &err);
+    if (!gif) return false;
+    bool ok = true;
+    EGifSetGifVersion(gif, true);
+    ok = EGifPutScreenDesc(gif, made[0].w, made[0].h, 8, 0, nullptr) == GIF_OK;
+    if (ok && pages.size() > 1 && pages[0]->loopCount >= 0) {
+        unsigned char app[11];
+        std::memcpy(app, "NETSCAPE2.0", 11);
+        unsigned char sub[3] = {1, std::uint8_t(pages[0]->loopCount & 0xff),
+                                std::uint8_t(pages[0]->loopCount >> 8)};
+        ok = EGifPutExtensionLeader(gif, APPLICATION_EXT_FUNC_CODE) == GIF_OK &&
+             EGifPutExtensionBlock(gif, 11, app) == GIF_OK &&
+             EGifPutExtensionBlock(gif, 3, sub) == GIF_OK && EGifPutExtensionTrailer(gif) == GIF_OK;
+    }
+    for (std::size_t p = 0; ok && p < made.size(); ++p) {
+        GifPage& g = made[p];
+        GraphicsControlBlock gcb{};
+        gcb.DisposalMode = pages[p]->disposal >= 0 && pages[p]->disposal <= 3
+                               ? pages[p]->disposal
+                               : DISPOSAL_UNSPECIFIED;
+        gcb.UserInputFlag = false;
+        gcb.DelayTime = pages[p]->delayMs > 0 ? (pages[p]->delayMs + 5) / 10 : 0;
+        gcb.TransparentColor = g.transparent >= 0 ? g.transparent : NO_TRANSPARENT_COLOR;
+        GifByteType ext[4];
+        std::size_t len = EGifGCBToExtension(&gcb, ext);
+        ok = EGifPutExtension(gif, GRAPHICS_EXT_FUNC_CODE, int(len), ext) == GIF_OK;
+        int count = 2;
+        while (count < int(g.colours.size()))
+            count <<= 1;
+        g.colours.resize(std::size_t(count), GifColorType{0, 0, 0});
+        ColorMapObject* cmap = GifMakeMapObject(count, g.colours.data());
+        ok = ok && cmap && EGifPutImageDesc(gif, 0, 0, g.w, g.h, false, cmap) == GIF_OK;
+        for (int y = 0; ok && y < g.h; ++y)
+            ok = EGifPutLine(gif, &g.index[std::size_t(y) * g.w], g.w) == GIF_OK;
+        if (cmap) GifFreeMapObject(cmap);
+    }
+    if (EGifCloseFile(gif, &err) != GIF_OK) ok = false;
+    if (!ok) std::remove(path.c_str());
+    return ok;
 }
 
 } // namespace kyplug

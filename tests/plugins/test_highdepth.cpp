@@ -294,4 +294,48 @@ TEST_F(HighDepth, PhotoCdBaseImageIsCloseToImageMagicks) {
     KYIMGPLUG_Unload(bm);
 }
 
+// A linear DNG made with PIL (an RGB TIFF with the DNG tags, photometric
+// patched to LinearRaw) goes through libraw's full processing: the colours
+// change, but the picture must keep its size, orientation and channel order.
+TEST(CameraRaw, LinearDngKeepsGeometryAndChannels) {
+    TempDir dir;
+    std::string dng = dir / "t.dng";
+    std::string py = std::string(kPython) + R"( -c "
+from PIL import Image, TiffImagePlugin
+import struct
+im = Image.new('RGB', (64, 48))
+im.putdata([((x*4)%256, (y*5)%256, 60) for y in range(48) for x in range(64)])
+ifd = TiffImagePlugin.ImageFileDirectory_v2()
+ifd[50706] = b'\x01\x04\x00\x00'; ifd.tagtype[50706] = 1
+ifd[50708] = 'Kestrel Test'; ifd.tagtype[50708] = 2
+ifd[50721] = (1.0,0.0,0.0, 0.0,1.0,0.0, 0.0,0.0,1.0); ifd.tagtype[50721] = 10
+ifd[50778] = 21; ifd.tagtype[50778] = 3
+ifd[50728] = (1.0,1.0,1.0); ifd.tagtype[50728] = 5
+im.save(')" + dng + R"(', format='TIFF', tiffinfo=ifd)
+d = bytearray(open(')" +
+                     dng + R"(','rb').read())
+off = struct.unpack('<I', d[4:8])[0]; n = struct.unpack('<H', d[off:off+2])[0]
+for i in range(n):
+    e = off+2+12*i
+    if struct.unpack('<H', d[e:e+2])[0] == 262: d[e+8:e+10] = struct.pack('<H', 34892)
+open(')" + dng + R"(','wb').write(d)
+")";
+    ASSERT_EQ(Shell(py), 0);
+    EXPECT_EQ(KYIMGPLUG_GetFIFFromFilenameU(dng.c_str()), 34);
+    std::intptr_t bm = KYIMGPLUG_LoadU(34, dng.c_str(), 0);
+    ASSERT_NE(bm, 0);
+    ASSERT_EQ(KYIMGPLUG_GetWidth(bm), 64);
+    ASSERT_EQ(KYIMGPLUG_GetHeight(bm), 48);
+    EXPECT_EQ(KYIMGPLUG_GetBPP(bm), 24);
+    Bytes rgba = PluginRgba(bm, false);
+    auto at = [&](int x, int y, int c) { return int(rgba[(std::size_t(y) * 64 + x) * 4 + c]); };
+    // Red grows along x on the top row, green grows down the left column.
+    EXPECT_GT(at(60, 0, 0), at(2, 0, 0) + 60);
+    EXPECT_GT(at(0, 45, 1), at(0, 2, 1) + 60);
+    EXPECT_LT(std::abs(at(60, 0, 1) - at(2, 0, 1)), 30);
+    KYIMGPLUG_Unload(bm);
+    // A TIFF that is not a raw file gives nothing.
+    EXPECT_EQ(KYIMGPLUG_LoadU(34, "/nonexistent.dng", 0), 0);
+}
+
 } // namespace

@@ -123,6 +123,35 @@ TEST_F(MultiPage, EditedPageIsWrittenBackOnlyWhenEditable) {
     EXPECT_EQ(MaxDiff(MagickRgba(tif + "[0]", dir / "p0", false), original), 0);
 }
 
+TEST_F(MultiPage, NewAnimatedGifKeepsDelaysDisposalAndLoops) {
+    std::intptr_t colour = KYIMGPLUG_LoadU(13, src.c_str(), 0);
+    ASSERT_NE(colour, 0);
+    // A second page of few colours keeps its palette exactly.
+    std::intptr_t few = KYIMGPLUG_ConvertToGreyscale(colour);
+    ASSERT_NE(few, 0);
+    std::string gif = dir / "anim.gif";
+    std::intptr_t multi = KYIMGPLUG_OpenMultiBitmap(25, gif.c_str(), 1, 0, 0, 0);
+    ASSERT_NE(multi, 0);
+    KYIMGPLUG_WriteFrameDelay(colour, 200);
+    KYIMGPLUG_WriteFrameDisposal(colour, 2);
+    KYIMGPLUG_WriteLoopCount(colour, 3);
+    KYIMGPLUG_AppendPage(multi, colour);
+    KYIMGPLUG_WriteFrameDelay(few, 500);
+    KYIMGPLUG_AppendPage(multi, few);
+    Bytes greyRgba = PluginRgba(few, true), colourRgba = PluginRgba(colour, true);
+    KYIMGPLUG_Unload(colour);
+    KYIMGPLUG_Unload(few);
+    ASSERT_EQ(KYIMGPLUG_CloseMultiBitmap(multi, 0), 1);
+    EXPECT_EQ(
+        PilField(gif,
+                 "(im.n_frames, im.info.get('loop'), im.info.get('duration'), im.disposal_method)"),
+        "(2, 3, 200, 2)");
+    EXPECT_EQ(PilField(gif, "(im.seek(1), im.info.get('duration'))[1]"), "500");
+    EXPECT_EQ(MaxDiff(Frame(gif, 1), greyRgba), 0);
+    // The colour page went through a 256-colour quantiser: close, not exact.
+    EXPECT_LT(MeanDiff(Frame(gif, 0), colourRgba), 12.0);
+}
+
 TEST_F(MultiPage, RefusesWhatIsNotAMultiPageFormat) {
     EXPECT_EQ(KYIMGPLUG_OpenMultiBitmap(13, src.c_str(), 0, 1, 0, 0), 0);
     EXPECT_EQ(KYIMGPLUG_OpenMultiBitmap(18, (dir / "absent.tif").c_str(), 0, 1, 0, 0), 0);
