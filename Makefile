@@ -32,7 +32,7 @@ asan: deps
 fuzz-smoke: deps
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DKY_BUILD_TESTS=OFF -DKY_BUILD_FUZZ=ON -DKY_SANITIZE=ON
-	cmake --build build-fuzz -j$(JOBS)
+	cmake --build build-fuzz -j$(JOBS) --target fuzz_all
 	bash fuzz/smoke.sh build-fuzz
 
 format:
