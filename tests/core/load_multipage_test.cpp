@@ -1,0 +1,191 @@
+// Multi-page TIFF and GIF files at load: plain single pages, burst editable
+// documents, read-only documents, GIF timing.
+#include "load_support.h"
+
+namespace kestrelyn::loadtest {
+namespace {
+
+const std::vector<ARGB> kThree = {0xFFFF0000u, 0xFF00FF00u, 0xFF0000FFu};
+
+class LoadMultiPage : public LoadFixture,
+                      public ::testing::WithParamInterface<bool /* plug-in disabled */> {};
+
+TEST_P(LoadMultiPage, OnePageTiffIsAPlainImage) {
+    const std::string tif = Path("one.tif");
+    ASSERT_TRUE(WriteMultiPageTiff(tif, {0xFF112233u}));
+    img->DisableKyimgplugCodecs(GetParam());
+    const std::int32_t id = img->CreateImageFromFile(tif);
+    ASSERT_NE(id, 0);
+    EXPECT_FALSE(Record(id).bMultiPageTiff);
+    EXPECT_EQ(Record(id).nCurrentPage, -1);
+    EXPECT_EQ(Record(id).nPageCount, 0);
+    EXPECT_EQ(TempFiles(), 0);
+}
+
+TEST_P(LoadMultiPage, EditableTiffIsBurstIntoPageFilesThatGoWithTheImage) {
+    const std::string tif = Path("three.tif");
+    ASSERT_TRUE(WriteMultiPageTiff(tif, kThree));
+    img->DisableKyimgplugCodecs(GetParam());
+    const int fds = OpenDescriptors();
+    const std::int32_t id = img->CreateImageFromFile(tif);
+    ASSERT_NE(id, 0) << img->GetStat();
+    const ImageRecord head = Record(id);
+    EXPECT_TRUE(head.bMultiPageTiff);
+    EXPECT_FALSE(head.bReadOnly);
+    EXPECT_EQ(head.nGdiPlusImage, nullptr); // the source is not held
+    EXPECT_EQ(head.nPlugFile, 0u);
+    EXPECT_EQ(head.nPageCount, 3);
+    EXPECT_EQ(head.nCurrentPage, 0);
+    ASSERT_EQ(head.arPageFiles.size(), 3u);
+    for (const std::string& page : head.arPageFiles)
+        EXPECT_TRUE(Exists(page)) << page;
+    EXPECT_EQ(TempFiles(), 3);
+    EXPECT_EQ(head.arPageDepths[0], 24);
+    EXPECT_EQ(OpenDescriptors(), fds);
+
+    // The source file is free: gone, and the document still works.
+    ASSERT_EQ(::unlink(tif.c_str()), 0);
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(1, 1)), kThree[0]);
+    ASSERT_EQ(SelectPage(id, 2), OK);
+    EXPECT_EQ(Record(id).nCurrentPage, 2);
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(1, 1)), kThree[2]);
+    EXPECT_EQ(img->GetWidth(), 6);
+    ASSERT_EQ(SelectPage(id, 1), OK);
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), kThree[1]);
+    EXPECT_EQ(SelectPage(id, 3), InvalidParameter);
+    EXPECT_EQ(SelectPage(id, -1), InvalidParameter);
+
+    // Only the current page is in memory.
+    int pagesInMemory = 0;
+    for (std::int32_t page : Record(id).arPageImages)
+        pagesInMemory += page != 0;
+    EXPECT_EQ(pagesInMemory, 1);
+
+    EXPECT_EQ(img->CloseImage(id), OK);
+    for (const std::string& page : head.arPageFiles)
+        EXPECT_FALSE(Exists(page)) << page;
+    EXPECT_EQ(TempFiles(), 0);
+    EXPECT_EQ(OpenDescriptors(), fds);
+}
+
+TEST_P(LoadMultiPage, ReadOnlyTiffKeepsTheDocumentAndSelectsPageZero) {
+    const std::string tif = Path("three.tif");
+    ASSERT_TRUE(WriteMultiPageTiff(tif, kThree));
+    img->DisableKyimgplugCodecs(GetParam());
+    img->TiffOpenMultiPageAsReadOnly(true);
+    const std::int32_t id = img->CreateImageFromFile(tif);
+    ASSERT_NE(id, 0) << img->GetStat();
+    const ImageRecord head = Record(id);
+    EXPECT_TRUE(head.bMultiPageTiff);
+    EXPECT_TRUE(head.bReadOnly);
+    EXPECT_EQ(head.nPageCount, 3);
+    EXPECT_EQ(head.nCurrentPage, 0);
+    EXPECT_EQ(TempFiles(), 0);
+    if (GetParam()) {
+        // The engine's document is the store.
+        EXPECT_EQ(head.nKind, KindEngineFile);
+        EXPECT_NE(head.nGdiPlusImage, nullptr);
+    } else {
+        // The plug-in's multi-bitmap is the store; the page is locked.
+        EXPECT_EQ(head.nKind, KindPlugin);
+        EXPECT_NE(head.nPlugBitmap, 0u);
+        EXPECT_NE(head.nPlugFile, 0u);
+        const ImageRecord& page = Record(head.arPageImages[0]);
+        EXPECT_EQ(page.nKind, KindPluginPage);
+        EXPECT_EQ(page.nPlugBitmap, head.nPlugBitmap);
+    }
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(2, 2)), kThree[0]);
+    ASSERT_EQ(SelectPage(id, 2), OK);
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(2, 2)), kThree[2]);
+    const int live = LiveImagesNow();
+    ASSERT_EQ(SelectPage(id, 1), OK);
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(2, 2)), kThree[1]);
+    EXPECT_EQ(LiveImagesNow(), live); // the page left is released
+    EXPECT_EQ(img->CloseImage(id), OK);
+    EXPECT_EQ(LiveImagesNow(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(ByPluginAndByEngine, LoadMultiPage, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return info.param ? std::string("Engine") : std::string("Plugin");
+                         });
+
+class LoadGif : public LoadFixture {
+  protected:
+    // Three frames, delays 0, 7 and 40 hundredths, looping twice, with a comment.
+    std::string MakeGif() {
+        const std::string gif = Path("anim.gif");
+        const std::string script =
+            "from PIL import Image\n"
+            "frames=[Image.new('RGB',(5,4),c) for c in [(255,0,0),(0,255,0),(0,0,255)]]\n"
+            "frames[0].save('" +
+            gif +
+            "',save_all=True,append_images=frames[1:],duration=[0,70,400],loop=2,"
+            "comment=b'hello gif',optimize=False,disposal=1)\n";
+        const std::string py = Path("make_gif.py");
+        std::ofstream(py) << script;
+        if (!Shell("/usr/bin/python3 '" + py + "' 2>/dev/null")) return "";
+        return gif;
+    }
+};
+
+TEST_F(LoadGif, EditableGifIsBurstIntoPngPagesWithItsTiming) {
+    const std::string gif = MakeGif();
+    if (gif.empty()) GTEST_SKIP() << "Python PIL is not installed";
+    const std::int32_t id = img->CreateImageFromFile(gif);
+    ASSERT_NE(id, 0) << img->GetStat();
+    const ImageRecord head = Record(id);
+    EXPECT_TRUE(head.bMultiPageGif);
+    EXPECT_FALSE(head.bMultiPageTiff);
+    EXPECT_EQ(head.nPageCount, 3);
+    ASSERT_EQ(head.arPageDelays.size(), 3u);
+    EXPECT_EQ(head.arPageDelays[0], 25); // 0 in the file
+    EXPECT_EQ(head.arPageDelays[1], 7);
+    EXPECT_EQ(head.arPageDelays[2], 40);
+    EXPECT_EQ(head.arPageDisposals, (std::vector<std::int32_t>{-1, -1, -1}));
+    EXPECT_EQ(head.nLoopCount, 2);
+    EXPECT_EQ(head.sGifComment, "hello gif");
+    EXPECT_EQ(TempFiles(), 3);
+    for (const std::string& page : head.arPageFiles) {
+        const std::vector<std::uint8_t> bytes = ReadBytes(page);
+        ASSERT_GE(bytes.size(), 8u);
+        EXPECT_EQ(bytes[1], 'P');
+        EXPECT_EQ(bytes[2], 'N');
+        EXPECT_EQ(bytes[3], 'G');
+    }
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), 0xFFFF0000u);
+    ASSERT_EQ(SelectPage(id, 2), OK);
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), 0xFF0000FFu);
+    img->CloseImage(id);
+    EXPECT_EQ(TempFiles(), 0);
+}
+
+TEST_F(LoadGif, ReadOnlyGifStaysInTheEngine) {
+    const std::string gif = MakeGif();
+    if (gif.empty()) GTEST_SKIP() << "Python PIL is not installed";
+    img->GifOpenMultiPageAsReadOnly(true);
+    const std::int32_t id = img->CreateImageFromFile(gif);
+    ASSERT_NE(id, 0);
+    const ImageRecord head = Record(id);
+    EXPECT_TRUE(head.bReadOnly);
+    EXPECT_EQ(head.nKind, KindEngineFile);
+    EXPECT_EQ(head.arPageDelays[0], 25);
+    EXPECT_EQ(TempFiles(), 0);
+    ASSERT_EQ(SelectPage(id, 1), OK);
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), 0xFF00FF00u);
+}
+
+TEST_F(LoadGif, StreamsOfSeveralPagesAreBurstToo) {
+    const std::string tif = Path("three.tif");
+    ASSERT_TRUE(WriteMultiPageTiff(tif, kThree));
+    const std::int32_t id = img->CreateImageFromStream(CreateMemoryStream(ReadBytes(tif)));
+    ASSERT_NE(id, 0);
+    EXPECT_TRUE(Record(id).bMultiPageTiff);
+    EXPECT_EQ(Record(id).nKind, KindEngine);
+    EXPECT_EQ(TempFiles(), 3);
+    img->CloseImage(id);
+    EXPECT_EQ(TempFiles(), 0);
+}
+
+} // namespace
+} // namespace kestrelyn::loadtest
