@@ -1,8 +1,11 @@
-// The demo: makes images, sets and reads pixels, converts formats, and prints
-// what it did. Exits with 1 if any step did not give what it should.
+// The demo: makes images, sets and reads pixels, converts formats, loads a
+// file given on the command line (or built-in samples made in memory) and
+// prints what it did. Exits with 1 if any step did not give what it should.
 #include <kestrelyn/Imaging.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 using namespace kestrelyn;
@@ -16,9 +19,118 @@ void Check(bool bOk, const char* sWhat) {
     if (!bOk) ++gFailures;
 }
 
+void Put16(std::vector<std::uint8_t>& v, std::uint32_t x) {
+    v.push_back(static_cast<std::uint8_t>(x));
+    v.push_back(static_cast<std::uint8_t>(x >> 8));
+}
+void Put32(std::vector<std::uint8_t>& v, std::uint32_t x) {
+    Put16(v, x & 0xFFFF);
+    Put16(v, x >> 16);
+}
+
+// The colour of the built-in sample at (x, y): a gradient with a dark frame.
+std::uint32_t SampleColour(int x, int y, int w, int h) {
+    if (x == 0 || y == 0 || x == w - 1 || y == h - 1) return 0xFF202020u;
+    return 0xFF000000u | (static_cast<std::uint32_t>(x * 255 / (w - 1)) << 16) |
+           (static_cast<std::uint32_t>(y * 255 / (h - 1)) << 8) | 0x80u;
+}
+
+// A 24-bit BMP file of the sample, bytes as they would be on disk.
+std::vector<std::uint8_t> SampleBmp(int w, int h) {
+    const std::uint32_t stride = static_cast<std::uint32_t>((w * 3 + 3) & ~3);
+    std::vector<std::uint8_t> v{'B', 'M'};
+    Put32(v, 54 + stride * static_cast<std::uint32_t>(h));
+    Put32(v, 0);
+    Put32(v, 54);
+    Put32(v, 40);
+    Put32(v, static_cast<std::uint32_t>(w));
+    Put32(v, static_cast<std::uint32_t>(h));
+    Put16(v, 1);
+    Put16(v, 24);
+    for (int i = 0; i < 6; ++i)
+        Put32(v, i == 2 || i == 3 ? 3780 : 0); // 96 dpi
+    for (int y = h - 1; y >= 0; --y) {
+        std::uint32_t n = 0;
+        for (int x = 0; x < w; ++x, n += 3) {
+            const std::uint32_t c = SampleColour(x, y, w, h);
+            v.push_back(static_cast<std::uint8_t>(c));
+            v.push_back(static_cast<std::uint8_t>(c >> 8));
+            v.push_back(static_cast<std::uint8_t>(c >> 16));
+        }
+        for (; n < stride; ++n)
+            v.push_back(0);
+    }
+    return v;
+}
+
+// The same picture as a Targa file (read by the codec plug-in when present).
+std::vector<std::uint8_t> SampleTga(int w, int h) {
+    std::vector<std::uint8_t> v{0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    Put16(v, static_cast<std::uint32_t>(w));
+    Put16(v, static_cast<std::uint32_t>(h));
+    v.push_back(24);
+    v.push_back(0x20); // top-left origin
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const std::uint32_t c = SampleColour(x, y, w, h);
+            v.push_back(static_cast<std::uint8_t>(c));
+            v.push_back(static_cast<std::uint8_t>(c >> 8));
+            v.push_back(static_cast<std::uint8_t>(c >> 16));
+        }
+    return v;
+}
+
+void PrintFacts(Imaging& img, std::int32_t id, const char* sSource) {
+    if (id == 0) {
+        std::printf("  %-22s not loaded, status %d\n", sSource, static_cast<int>(img.GetStat()));
+        return;
+    }
+    std::printf("  %-22s id %9d: %s, %dx%d, %s (%d bits), %.1f x %.1f dpi\n", sSource, id,
+                img.GetImageFormat(id).c_str(), img.GetWidth(id), img.GetHeight(id),
+                img.GetPixelFormatString(id).c_str(), img.GetPixelDepth(id),
+                static_cast<double>(img.GetHorizontalResolution(id)),
+                static_cast<double>(img.GetVerticalResolution(id)));
+}
+
+// Loads the file named on the command line, or the built-in samples.
+void LoadDemo(Imaging& img, int argc, char** argv) {
+    if (argc > 1) {
+        std::printf("Loading %s:\n", argv[1]);
+        const std::int32_t id = img.CreateImageFromFile(argv[1]);
+        PrintFacts(img, id, "file");
+        Check(id != 0, "the file was decoded");
+        if (id) img.CloseImage(id);
+        return;
+    }
+    std::printf("Loading built-in samples made in memory:\n");
+    const int w = 40, h = 30;
+    const std::vector<std::uint8_t> bmp = SampleBmp(w, h);
+    const std::int32_t fromBytes = img.CreateImageFromByteArray(bmp);
+    PrintFacts(img, fromBytes, "BMP from bytes");
+    Check(fromBytes != 0 && img.GetImageFormat(fromBytes) == "BMP", "a BMP byte array loads");
+    Check(img.PixelGetColor(10, 7) == SampleColour(10, 7, w, h), "its pixels are the sample's");
+    const std::int32_t fromStream = img.CreateImageFromStream(CreateMemoryStream(bmp));
+    PrintFacts(img, fromStream, "BMP from a stream");
+    Check(fromStream != 0, "the same bytes load from a memory stream");
+    const std::int32_t targa = img.CreateImageFromByteArray(SampleTga(w, h));
+    PrintFacts(img, targa, "Targa from bytes");
+    if (targa != 0)
+        Check(img.PixelGetColor(31, 22) == SampleColour(31, 22, w, h),
+              "the Targa (codec plug-in) matches the BMP");
+    else
+        std::printf("  (no codec plug-in found: Targa files need it)\n");
+    std::int32_t length = static_cast<std::int32_t>(bmp.size());
+    const std::int32_t fromMemory = img.CreateImageFromMemory(bmp.data(), length);
+    Check(fromMemory != 0, "a memory block loads");
+    img.CreateImageFromFile("/nonexistent/picture.png");
+    Check(img.GetStat() == FileNotFound, "a missing file gives FileNotFound");
+    for (std::int32_t id : {fromBytes, fromStream, targa, fromMemory})
+        if (id) img.CloseImage(id);
+}
+
 } // namespace
 
-int main() {
+int main(int argc, char** argv) {
     Imaging img;
     std::printf("Kestrelyn %.7f on engine %s\n", img.GetVersion(), img.GetGdiplusVersion().c_str());
 
@@ -64,6 +176,8 @@ int main() {
     img.RemoveDib(dib);
     Check(img.CopyToClipboard() == OK, "copy to the clipboard");
     img.DeleteClipboardData();
+
+    LoadDemo(img, argc, argv);
 
     std::printf("Base64 of \"Kestrelyn\": %s\n", img.Encode64String("Kestrelyn").c_str());
 
