@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "kestrelyn/KestrelynStatus.h"
+#include "kestrelyn/PdfTypes.h"
 #include "kestrelyn/Types.h"
+#include "pdf/cPDF.h"
 #include "platform/modGdiPlus.h"
 
 namespace kestrelyn {
@@ -99,6 +101,14 @@ class cImaging {
     std::int32_t ROITop = 0;
     std::int32_t ROIWidth = 0;
     std::int32_t ROIHeight = 0;
+
+    // --- the application-built PDF document (PdfNewPdf ... PdfSavePdf) ---
+    std::unique_ptr<cPDF> oPdf; // made by PdfNewPdf; open while PdfGetNativePdf is not 0
+    std::int32_t nPdfUnit = 0;  // 0 points, 1 millimetres, 2 centimetres, 3 inches
+    std::int32_t nPdfTextColor = 0;
+    std::int32_t nPdfLastFillColor = 0;
+    std::int32_t nPdfLastStrokeColor = 0;
+    float nPdfLastLineWidth = 0;
 };
 
 // Per-thread engine state shared by every object of the thread.

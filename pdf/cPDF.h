@@ -11,28 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "kestrelyn/PdfTypes.h"
+
 namespace kestrelyn {
 
 class cRc4;
-
-enum PdfEncryption : std::int32_t {
-    PdfEncryptionNone = 0,
-    PdfEncryption40BitRC4 = 1,
-    PdfEncryption128BitRC4 = 2,
-};
-
-enum PdfRight : std::int32_t {
-    PdfRightUndefined = -1,
-    PdfRightCanView = 0,
-    PdfRightCanPrint = 1,
-    PdfRightCanCopy = 2,
-    PdfRightCanModify = 4,
-    PdfRightCanAddNotes = 8,
-    PdfRightCanFillFields = 16,
-    PdfRightCanCopyAccess = 32,
-    PdfRightCanAssemble = 64,
-    PdfRightCanPrintFull = 128,
-};
 
 // One font of the document, measured in thousandths of the em.
 struct PdfFontRecord {
@@ -147,6 +130,12 @@ class cPDF {
                               std::int32_t nWidth, std::int32_t nHeight, std::int32_t nBitsPerPixel,
                               std::int32_t nStride, std::int32_t nFilterMode, std::int32_t nResX,
                               std::int32_t nResY);
+    // PdfAddImage of an image of the registry (kind 2: the image stays with
+    // its owner) or of a file loaded for the occasion and released afterwards
+    // (kind 1). The filter follows the depth and CompressData. Returns the new
+    // image number, or 0 (no file open, a bad id or file, a failed read).
+    std::int32_t PdfAddImage(std::int32_t nImageID);
+    std::int32_t PdfAddImage(const std::string& sFilePath);
     void DrawImg(std::int32_t nImage, float x, float y, float nWidth, float nHeight);
     std::int32_t ImageWidth(std::int32_t nImage) const;
     std::int32_t ImageHeight(std::int32_t nImage) const;

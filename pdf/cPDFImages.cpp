@@ -1,8 +1,11 @@
 // cPDF: image XObjects from pixels that the caller has read (or JPEG bytes it
-// has encoded), and their placement on pages.
+// has encoded), their group 4 coding, and their placement on pages.
 #include <string>
+#include <vector>
 
 #include "pdf/cPDF.h"
+#include "platform/modCcitt.h"
+#include "platform/modkyimgplug.h"
 
 namespace kestrelyn {
 
@@ -20,14 +23,38 @@ bool IsWhite(const std::string& sPalette, std::size_t nEntry) {
 
 } // namespace
 
-bool cPDF::CompressCcittG4(const std::string& /*sSource*/, std::string& sDestination,
-                           std::int32_t /*nWidth*/, std::int32_t /*nHeight*/,
-                           std::int32_t /*nStride*/) {
-    // Group 4 coding belongs to the codec plug-in (KYIMGPLUG_VB_CompressCCITT4),
-    // which this writer does not reach yet: report failure, so that the image
-    // is written unfiltered, as for any failed compression.
+bool cPDF::CompressCcittG4(const std::string& sSource, std::string& sDestination,
+                           std::int32_t nWidth, std::int32_t nHeight, std::int32_t nStride) {
+    // One-bit rows in, group 4 data out; a 1 bit of the rows is a black pixel
+    // of the fax stream. The codec plug-in codes when it is there; the engine's
+    // own coder stands in for it otherwise.
     sDestination.clear();
-    return false;
+    if (nWidth <= 0 || nHeight <= 0 || nStride < (nWidth + 7) / 8 ||
+        sSource.size() < static_cast<std::size_t>(nStride) * static_cast<std::size_t>(nHeight))
+        return false;
+    const auto* pRows = reinterpret_cast<const std::uint8_t*>(sSource.data());
+    if (IsKyimgplugLoaded()) {
+        // Room for the usual case, so that one call codes; a page of noise
+        // that codes larger is asked again with the size the plug-in gave.
+        long nCapacity = static_cast<long>(sSource.size() / 2 + 4096);
+        for (int nTry = 0; nTry < 2; ++nTry) {
+            sDestination.resize(static_cast<std::size_t>(nCapacity));
+            const long nCoded = KYIMGPLUG_VB_CompressCCITT4(
+                pRows, nWidth, nHeight, nStride, reinterpret_cast<std::uint8_t*>(&sDestination[0]),
+                nCapacity);
+            if (nCoded <= 0) break;
+            if (nCoded <= nCapacity) {
+                sDestination.resize(static_cast<std::size_t>(nCoded));
+                return true;
+            }
+            nCapacity = nCoded;
+        }
+        sDestination.clear();
+    }
+    std::vector<std::uint8_t> arCoded;
+    if (!GdipEncodeCcittG4(pRows, nWidth, nHeight, nStride, false, arCoded)) return false;
+    sDestination.assign(arCoded.begin(), arCoded.end());
+    return true;
 }
 
 bool cPDF::WriteImageObject(const std::string& sName, const std::string& sData,

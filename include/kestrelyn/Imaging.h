@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kestrelyn/KestrelynStatus.h"
+#include "kestrelyn/PdfTypes.h"
 #include "kestrelyn/Types.h"
 
 namespace kestrelyn {

@@ -111,12 +111,30 @@ TEST_F(PdfImages, OneBitBlackAndWhiteIsDeviceGrayWithDecode) {
     EXPECT_EQ(oPage.AtPdf(75, 25), 255);
 }
 
-TEST_F(PdfImages, FailedGroup4CodingFallsBackToRawBits) {
+TEST_F(PdfImages, Group4CodedRowsRenderAsTheirBits) {
+    // Rows of 9 pixels: row 0 white, row 1 black (palette black then white).
     const std::string sBits("\xFF\x80\x00\x00", 4);
     const std::string sBlackWhite("\x00\x00\x00\xFF\xFF\xFF", 6);
     EXPECT_EQ(oPdf.AddImageData(sBits, sBlackWhite, 9, 2, 1, 2, PdfImageFilterCcittG4, 72, 72), 1);
+    oPdf.DrawImg(1, 0, 0, 100, 100);
     Close();
-    // No Group 4 coder is reachable: no filter, and the Decode of unfiltered data.
+    EXPECT_NE(ObjectText(sFile, 5).find("/Filter/CCITTFaxDecode/DecodeParms<</K -1/Columns 9>>"
+                                        "/Name/Img1/BitsPerComponent 1/ColorSpace/DeviceGray/"
+                                        "Decode [ 1 0 ]/Width 9/Height 2"),
+              std::string::npos);
+    KY_REQUIRE_TOOL("pdftoppm");
+    const GrayPage oPage = RenderGray(sPath);
+    EXPECT_EQ(oPage.AtPdf(50, 75), 255);
+    EXPECT_EQ(oPage.AtPdf(50, 25), 0);
+}
+
+TEST_F(PdfImages, FailedGroup4CodingFallsBackToRawBits) {
+    // A stride below the row's bytes cannot be coded: the rows go raw.
+    const std::string sBits("\xFF\x80\x00\x00", 4);
+    const std::string sBlackWhite("\x00\x00\x00\xFF\xFF\xFF", 6);
+    EXPECT_EQ(oPdf.AddImageData(sBits, sBlackWhite, 9, 2, 1, 1, PdfImageFilterCcittG4, 72, 72), 1);
+    Close();
+    // No filter, and the Decode of unfiltered data.
     EXPECT_EQ(ObjectText(sFile, 5),
               "5 0 obj\r\n<</Subtype/Image/Length 4/Name/Img1/BitsPerComponent 1"
               "/ColorSpace/DeviceGray/Decode [ 0 1 ]/Width 9/Height 2/Type/XObject>>stream\r\n" +
