@@ -244,7 +244,10 @@ KestrelynStatus LoadByPlugin(std::int32_t& nImageID, const std::string& sFilePat
         return UnknownImageFormat;
     bool bMultiPage = false;
     std::intptr_t hFile = 0;
-    std::intptr_t handle = LoadPluginFile(format, sFilePath, bMultiPage, bICM, hFile);
+    // Colour-managed or not, the samples arrive as RGB: a load makes images
+    // to show, and CMYK samples kept as they are would read as RGB.
+    (void)bICM;
+    std::intptr_t handle = LoadPluginFile(format, sFilePath, bMultiPage, false, hFile);
     if (!handle) return OutOfMemory;
     const std::string sName = PluginFormatName(format);
 

@@ -212,6 +212,34 @@ TEST_F(LoadBridge, PaletteAndTransparencyGoAcross) {
     ReleaseImage(id);
 }
 
+// A tag reader standing in for the tag store: the tags say 300 by 300.
+void TagsSay300(std::int32_t, std::intptr_t, float& nX, float& nY) {
+    nX = 300;
+    nY = 300;
+}
+
+TEST_F(LoadBridge, TagResolutionWinsOnlyOverThePluginDefault) {
+    SetPluginMetadataHooks(&TagsSay300, nullptr);
+    float dpi[2] = {0, 0};
+    for (int i = 0; i < 2; ++i) {
+        std::intptr_t bitmap = PatternBitmap(3, 3);
+        if (i == 1) {
+            KYIMGPLUG_SetDotsPerMeterX(bitmap, 3780); // 96 dpi: the file said so
+            KYIMGPLUG_SetDotsPerMeterY(bitmap, 3780);
+        }
+        ASSERT_EQ(KYIMGPLUG_GetDotsPerMeterX(bitmap), i == 0 ? 2835 : 3780);
+        bool bFailed = true, bIsPage = false;
+        std::int32_t id = 0;
+        ASSERT_EQ(PluginBitmapToImage(bitmap, id, bFailed, bIsPage, 0, PluginFormatTIFF), OK);
+        dpi[i] = img->GetHorizontalResolution(id);
+        ReleaseImage(id);
+        KYIMGPLUG_Unload(bitmap);
+    }
+    SetPluginMetadataHooks(nullptr, nullptr);
+    EXPECT_FLOAT_EQ(dpi[0], 300.0f);
+    EXPECT_NEAR(dpi[1], 3780 * 0.0254, 1e-3);
+}
+
 TEST_F(LoadBridge, DeepImagesAreRefusedOnTheWayToThePlugin) {
     std::int32_t id = 0;
     ASSERT_EQ(CreateBitmap(3, 3, 0, PixelFormat64bppARGB, nullptr, id, false), OK);

@@ -73,6 +73,7 @@ TEST_P(LoadMultiPage, ReadOnlyTiffKeepsTheDocumentAndSelectsPageZero) {
     ASSERT_TRUE(WriteMultiPageTiff(tif, kThree));
     img->DisableKyimgplugCodecs(GetParam());
     img->TiffOpenMultiPageAsReadOnly(true);
+    const int fds = OpenDescriptors();
     const std::int32_t id = img->CreateImageFromFile(tif);
     ASSERT_NE(id, 0) << img->GetStat();
     const ImageRecord head = Record(id);
@@ -103,6 +104,7 @@ TEST_P(LoadMultiPage, ReadOnlyTiffKeepsTheDocumentAndSelectsPageZero) {
     EXPECT_EQ(LiveImagesNow(), live); // the page left is released
     EXPECT_EQ(img->CloseImage(id), OK);
     EXPECT_EQ(LiveImagesNow(), 0);
+    EXPECT_EQ(OpenDescriptors(), fds);
 }
 
 INSTANTIATE_TEST_SUITE_P(ByPluginAndByEngine, LoadMultiPage, ::testing::Bool(),

@@ -49,6 +49,42 @@ TEST_F(LoadSources, MissingFilesGiveFileNotFoundAndKeepTheNativeImage) {
     EXPECT_EQ(id, 0);
 }
 
+class ChoosingHost : public HostServices {
+  public:
+    void MessageBox(const std::string&, const std::string&, MessageBoxStyle) override {}
+    bool ClipboardClear() override { return true; }
+    bool ClipboardSetBitmap(HBITMAP) override { return false; }
+    HBITMAP ClipboardGetBitmap() override { return 0; }
+    HBITMAP GrabWindow(HWND) override { return 0; }
+    bool OpenFileDialog(const std::string&, std::string& sChosen) override {
+        ++asked;
+        sChosen = choice;
+        return !choice.empty();
+    }
+    std::string choice;
+    int asked = 0;
+};
+
+TEST_F(LoadSources, AnEmptyPathAsksTheUserUnlessNoDialogIsWanted) {
+    auto host = std::make_shared<ChoosingHost>();
+    host->choice = WriteSample("chosen.png", EncoderClsidPNG);
+    auto old = SetHostServices(host);
+    const std::int32_t id = img->CreateImageFromFile(" ");
+    std::int32_t quiet = 0;
+    const KestrelynStatus quietStatus =
+        LoadImageFile(quiet, "", false, false, false, 0, true, false);
+    host->choice.clear(); // the user cancels
+    const std::int32_t cancelled = img->CreateImageFromFile("");
+    const KestrelynStatus cancelledStatus = img->GetStat();
+    SetHostServices(old);
+    EXPECT_NE(id, 0);
+    EXPECT_EQ(Record(id).sFilePath, Path("chosen.png"));
+    EXPECT_EQ(quietStatus, FileNotFound);
+    EXPECT_EQ(cancelled, 0);
+    EXPECT_EQ(cancelledStatus, FileNotFound);
+    EXPECT_EQ(host->asked, 2);
+}
+
 TEST_F(LoadSources, BadFilesFailCleanly) {
     // Empty, garbage, truncated, a JPEG posing as TIFF and cut short, and
     // headers that promise far more pixels than follow.
