@@ -10,6 +10,7 @@
 #include <gif_lib.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <unordered_map>
 
@@ -70,6 +71,16 @@ struct GifDoc {
                 break;
             }
         if (count == 0) return UnknownImageFormat;
+        // giflib frees only the first ImageCount records on close: release
+        // what the dropped ones own (local colour table, extensions, pixels).
+        for (int i = count; i < gif->ImageCount; ++i) {
+            SavedImage& dropped = gif->SavedImages[i];
+            GifFreeMapObject(dropped.ImageDesc.ColorMap);
+            dropped.ImageDesc.ColorMap = nullptr;
+            GifFreeExtensions(&dropped.ExtensionBlockCount, &dropped.ExtensionBlocks);
+            std::free(dropped.RasterBits);
+            dropped.RasterBits = nullptr;
+        }
         gif->ImageCount = count;
         for (int i = 0; i < count; ++i) {
             GraphicsControlBlock gcb{};
