@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -128,6 +129,42 @@ void LoadDemo(Imaging& img, int argc, char** argv) {
         if (id) img.CloseImage(id);
 }
 
+// A generated three-page TIFF becomes a PDF and a PDF/A, one page per image
+// page, each page the image's size at its resolution.
+void PdfDemo(Imaging& img) {
+    std::printf("Multi-page TIFF to PDF and PDF/A:\n");
+    const std::string dir = std::filesystem::temp_directory_path().string();
+    const std::string tiff = dir + "/kestrelyn-demo-pages.tif";
+    const std::int32_t first = img.CreateNewImage(850, 1100, 24, 0xFFFFFFFFu); // letter at 100 dpi
+    img.SetHorizontalResolution(100.0f);
+    img.SetVerticalResolution(100.0f);
+    const std::int32_t doc = img.TiffCreateMultiPageFromKestrelynImage(first);
+    for (std::uint32_t colour : {0xFF3060C0u, 0xFF000000u}) {
+        const std::int32_t page =
+            img.CreateNewImage(850, 1100, colour == 0xFF000000u ? 1 : 24, colour);
+        img.SetHorizontalResolution(100.0f, page);
+        img.SetVerticalResolution(100.0f, page);
+        img.TiffAppendPageFromKestrelynImage(doc, page);
+        img.CloseImage(page);
+    }
+    Check(img.TiffSaveMultiPageToFile(doc, tiff) == OK, "a three-page TIFF is written");
+    img.CloseImage(doc);
+    img.CloseImage(first);
+    const std::int32_t loaded = img.CreateImageFromFile(tiff);
+    std::printf("  %s: %d pages\n", tiff.c_str(), img.TiffGetPageCount(loaded));
+    const std::string pdf = dir + "/kestrelyn-demo-pages.pdf";
+    const std::string pdfa = dir + "/kestrelyn-demo-pages-a.pdf";
+    Check(img.PdfCreateFromMultipageTIFF(loaded, pdf, "Demo pages", "demo", "Kestrelyn") == OK,
+          "PdfCreateFromMultipageTIFF writes a PDF");
+    Check(img.PdfACreateFromMultipageTIFF(loaded, pdfa, "Demo pages", "demo", "Kestrelyn") == OK,
+          "PdfACreateFromMultipageTIFF writes a PDF/A-1b");
+    std::error_code ec;
+    std::printf("  %s (%ju bytes), %s (%ju bytes)\n", pdf.c_str(),
+                static_cast<std::uintmax_t>(std::filesystem::file_size(pdf, ec)), pdfa.c_str(),
+                static_cast<std::uintmax_t>(std::filesystem::file_size(pdfa, ec)));
+    img.CloseImage(loaded);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -178,6 +215,7 @@ int main(int argc, char** argv) {
     img.DeleteClipboardData();
 
     LoadDemo(img, argc, argv);
+    PdfDemo(img);
 
     std::printf("Base64 of \"Kestrelyn\": %s\n", img.Encode64String("Kestrelyn").c_str());
 
