@@ -479,6 +479,7 @@ KestrelynStatus ImageToPluginBitmap(std::intptr_t& nBitmap, std::int32_t nImageI
     nBitmap = 0;
     GpImage* img = ResolveGdiPlusImage(nImageID);
     if (!img) return InvalidParameter;
+    if (!IsKyimgplugAvailable()) return KyimgplugDllRequired;
     PixelFormat format = 0;
     UINT width = 0, height = 0;
     GdipGetImagePixelFormat(img, &format);
