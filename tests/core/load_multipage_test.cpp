@@ -2,6 +2,9 @@
 // documents, read-only documents, GIF timing.
 #include "load_support.h"
 
+#include <atomic>
+#include <thread>
+
 namespace kestrelyn::loadtest {
 namespace {
 
@@ -186,6 +189,35 @@ TEST_F(LoadGif, StreamsOfSeveralPagesAreBurstToo) {
     EXPECT_EQ(Record(id).nKind, KindEngine);
     EXPECT_EQ(TempFiles(), 3);
     img->CloseImage(id);
+    EXPECT_EQ(TempFiles(), 0);
+}
+
+TEST_F(LoadGif, ThreadsLoadSideBySideWithRegistriesOfTheirOwn) {
+    const std::string tif = Path("three.tif");
+    ASSERT_TRUE(WriteMultiPageTiff(tif, kThree));
+    const std::string tga = Path("small.tga");
+    WriteBytes(tga, SmallTarga());
+    std::atomic<int> good{0};
+    auto work = [&] {
+        Imaging local;
+        for (int round = 0; round < 5; ++round) {
+            const std::int32_t doc = local.CreateImageFromFile(tif);
+            const ImageRecord* head = FindImageRecord(doc);
+            const bool docOk = head && head->nPageCount == 3 && head->arPageFiles.size() == 3 &&
+                               SelectPage(doc, 2) == OK &&
+                               static_cast<ARGB>(local.PixelGetColor(1, 1)) == kThree[2];
+            const std::int32_t pic = local.CreateImageFromFile(tga);
+            const bool picOk = pic != 0 && local.GetImageFormat(pic) == "TARGA" &&
+                               FindImageRecord(pic)->nKind == KindPlugin;
+            local.CloseImage(doc);
+            local.CloseImage(pic);
+            if (docOk && picOk && LiveImagesNow() == 0) ++good;
+        }
+    };
+    std::thread a(work), b(work);
+    a.join();
+    b.join();
+    EXPECT_EQ(good.load(), 10);
     EXPECT_EQ(TempFiles(), 0);
 }
 
