@@ -115,5 +115,50 @@ TEST(FuzzRegressionEngine, GifKeepsTheFramesBeforeABrokenOne) {
     EXPECT_EQ(c, 0xff000000u); // index 0 of the local table: opaque black
 }
 
+// RLE runs now go straight into the bitmap: a 4-bit file with runs, an
+// absolute run, end-of-line and end-of-picture codes keeps every nibble.
+TEST(FuzzRegressionEngine, Rle4RunsLandInTheirNibbles) {
+    std::vector<std::uint8_t> rle = {4,    0x12, 2,    0xff, 0, 0, 0,    4, 0x34,
+                                     0x56, 2,    0x77, 0,    0, 6, 0x21, 0, 1};
+    std::vector<std::uint8_t> file = {'B', 'M'};
+    auto le32 = [&](std::uint32_t v) {
+        for (int i = 0; i < 4; ++i)
+            file.push_back(std::uint8_t(v >> (8 * i)));
+    };
+    auto le16 = [&](std::uint16_t v) {
+        file.push_back(std::uint8_t(v));
+        file.push_back(std::uint8_t(v >> 8));
+    };
+    const std::uint32_t offset = 14 + 40 + 16 * 4;
+    le32(offset + std::uint32_t(rle.size()));
+    le32(0);
+    le32(offset);
+    le32(40);
+    le32(6); // width
+    le32(3); // height, bottom-up
+    le16(1);
+    le16(4);
+    le32(2); // RLE4
+    le32(std::uint32_t(rle.size()));
+    le32(2835);
+    le32(2835);
+    le32(16);
+    le32(0);
+    for (std::uint32_t i = 0; i < 16; ++i)
+        le32(0xff000000u | i * 0x100000u); // index i: red 16 * i
+    file.insert(file.end(), rle.begin(), rle.end());
+
+    Loaded img;
+    img.status = GdipLoadImageFromStream(CreateMemoryStream(file), &img.image);
+    ASSERT_EQ(img.status, OK);
+    const int expected[3][6] = {{2, 1, 2, 1, 2, 1}, {3, 4, 5, 6, 7, 7}, {1, 2, 1, 2, 15, 15}};
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 6; ++x) {
+            ARGB c = 0;
+            ASSERT_EQ(GdipBitmapGetPixel(img.image, x, y, &c), OK);
+            EXPECT_EQ((c >> 16) & 0xff, ARGB(16 * expected[y][x])) << x << "," << y;
+        }
+}
+
 } // namespace
 } // namespace kestrelyn

@@ -29,17 +29,16 @@ struct Mask {
     }
 };
 
-// Decodes RLE8/RLE4 into an index buffer of width x height (rows bottom-up as
-// in the file; the caller flips). Runs past the data end stop decoding.
-void DecodeRle(const std::uint8_t* p, std::size_t n, int bpp, int width, int height,
-               std::vector<std::uint8_t>& idx) {
-    idx.assign(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), 0);
+// Decodes RLE8/RLE4, handing each pixel inside width x height to
+// `store(x, y, index)` (rows counted bottom-up as in the file). Pixels the
+// data skips are never visited: a short file describing a large picture costs
+// no more than its runs. Runs past the data end stop decoding.
+template <class Store>
+void DecodeRle(const std::uint8_t* p, std::size_t n, int bpp, int width, int height, Store store) {
     int x = 0, y = 0;
     std::size_t i = 0;
     auto put = [&](std::uint8_t v) {
-        if (x < width && y < height)
-            idx[static_cast<std::size_t>(y) * static_cast<std::size_t>(width) +
-                static_cast<std::size_t>(x)] = v;
+        if (x < width && y < height) store(x, y, v);
         ++x;
     };
     while (i + 1 < n && y < height) {
@@ -201,7 +200,6 @@ GpStatus BuildDib(const DibInfo& info, const std::uint8_t* bits, std::size_t ava
         }
     }
     std::int64_t rowBytes = (w * info.bpp + 31) / 32 * 4;
-    std::vector<std::uint8_t> rle;
     if (info.compression == 1 || info.compression == 2) {
         if (static_cast<std::uint64_t>(w) * static_cast<std::uint64_t>(h) >
             static_cast<std::uint64_t>(kMaxPixelBytes))
@@ -217,19 +215,21 @@ GpStatus BuildDib(const DibInfo& info, const std::uint8_t* bits, std::size_t ava
     if (st != OK) return st;
     BitmapHolder img(raw);
     if (info.compression == 1 || info.compression == 2) {
-        DecodeRle(bits, avail, info.bpp, static_cast<int>(w), static_cast<int>(h), rle);
-        for (std::int64_t r = 0; r < h; ++r) {
-            std::int64_t y = info.topDown ? r : h - 1 - r;
-            std::uint8_t* dst = img->Row(static_cast<INT>(y));
-            const std::uint8_t* src = rle.data() + r * w;
-            if (info.bpp == 8) {
-                std::memcpy(dst, src, static_cast<std::size_t>(w));
-            } else {
-                std::memset(dst, 0, static_cast<std::size_t>((w + 1) / 2));
-                for (std::int64_t x = 0; x < w; ++x)
-                    dst[x / 2] |= static_cast<std::uint8_t>((src[x] & 15) << ((x & 1) ? 0 : 4));
-            }
-        }
+        // The new bitmap is zeroed: pixels the runs skip keep index 0.
+        GpImage* target = img.get();
+        const bool topDown = info.topDown;
+        const int bpp = info.bpp;
+        DecodeRle(bits, avail, bpp, static_cast<int>(w), static_cast<int>(h),
+                  [&](int x, int r, std::uint8_t v) {
+                      std::uint8_t* dst = target->Row(static_cast<INT>(topDown ? r : h - 1 - r));
+                      if (bpp == 8) {
+                          dst[x] = v;
+                      } else {
+                          const int shift = (x & 1) ? 0 : 4;
+                          dst[x / 2] = static_cast<std::uint8_t>((dst[x / 2] & ~(15 << shift)) |
+                                                                 ((v & 15) << shift));
+                      }
+                  });
     } else {
         Mask mr(info.masks[0]), mg(info.masks[1]), mb(info.masks[2]), ma(info.masks[3]);
         for (std::int64_t r = 0; r < h; ++r) {
