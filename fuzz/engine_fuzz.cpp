@@ -3,6 +3,7 @@
 // under test is written over the first bytes so that every input reaches it.
 // A decoded image has each of its frames (at most 8) selected and locked as
 // 32bppARGB, and its palette and property items read.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -42,20 +43,37 @@ void Sign(std::vector<std::uint8_t>& d) {
 #error "KY_FUZZ_KIND_<decoder> is not defined"
 #endif
 
-void LockFrame(GpImage* image) {
-    UINT w = 0, h = 0;
-    if (GdipGetImageWidth(image, &w) != OK || GdipGetImageHeight(image, &h) != OK) return;
-    GpRect rect{0, 0, INT(w), INT(h)};
+// Locks rows [y, y + h) as 32bppARGB and touches the first and last pixel so
+// that a short buffer shows up.
+void LockRows(GpImage* image, UINT w, UINT y, UINT h) {
+    GpRect rect{0, INT(y), INT(w), INT(h)};
     BitmapData data;
     if (GdipBitmapLockBits(image, &rect, ImageLockModeRead, PixelFormat32bppARGB, &data) != OK)
         return;
-    // Touch the first and last pixel so that a short buffer shows up.
     if (w && h && data.Scan0) {
         auto* first = static_cast<volatile std::uint8_t*>(data.Scan0);
         (void)first[0];
         (void)first[std::ptrdiff_t(h - 1) * data.Stride + std::ptrdiff_t(w) * 4 - 1];
     }
     GdipBitmapUnlockBits(image, &data);
+}
+
+// The whole frame, or for frames whose 32-bit copy would pass 64 MiB (the
+// engine accepts pictures up to 2 GiB, a compressed file may be tiny) a band
+// of rows at the top and one at the bottom.
+void LockFrame(GpImage* image) {
+    UINT w = 0, h = 0;
+    if (GdipGetImageWidth(image, &w) != OK || GdipGetImageHeight(image, &h) != OK) return;
+    if (!w || !h) return;
+    const std::uint64_t rowBytes = std::uint64_t(w) * 4;
+    const std::uint64_t band = std::max<std::uint64_t>(1, (std::uint64_t(32) << 20) / rowBytes);
+    if (rowBytes * h <= (std::uint64_t(64) << 20)) {
+        LockRows(image, w, 0, h);
+    } else {
+        UINT rows = UINT(std::min<std::uint64_t>(band, h));
+        LockRows(image, w, 0, rows);
+        LockRows(image, w, h - rows, rows);
+    }
 }
 
 void ReadFacts(GpImage* image) {
