@@ -1,5 +1,7 @@
 // Load sources other than plain files, path rules, and bad input: statuses,
 // no leaked temporary files, no leaked descriptors.
+#include <cstring>
+
 #include "load_support.h"
 
 #include "pdf/modAnsi.h"
