@@ -39,34 +39,9 @@ struct MetaWalk {
 };
 
 std::mutex g_lock;
-std::unordered_set<void*> g_live;
 
-template <class T> std::intptr_t Adopt(std::unique_ptr<T> p) {
-    if (!p) return 0;
-    std::lock_guard<std::mutex> l(g_lock);
-    g_live.insert(p.get());
-    return reinterpret_cast<std::intptr_t>(p.release());
-}
-
-bool Live(std::intptr_t h) {
-    std::lock_guard<std::mutex> l(g_lock);
-    return h && g_live.count(reinterpret_cast<void*>(h));
-}
-
-template <class T> T* As(std::intptr_t h) {
-    return Live(h) ? reinterpret_cast<T*>(h) : nullptr;
-}
-
-template <class T> void Drop(std::intptr_t h) {
-    {
-        std::lock_guard<std::mutex> l(g_lock);
-        if (!h || !g_live.erase(reinterpret_cast<void*>(h))) return;
-    }
-    delete reinterpret_cast<T*>(h);
-}
-
-// Every kind of handle lives in the one set; a tag is told from a bitmap by
-// the set it was made through, so each kind keeps its own registry too.
+// Live handles, one registry per kind: a handle is used only if it is found
+// in the registry of the kind the call expects.
 std::unordered_set<void*> g_bitmaps, g_multis, g_files, g_tags, g_walks;
 
 template <class T> std::intptr_t AdoptAs(std::unique_ptr<T> p, std::unordered_set<void*>& kind) {

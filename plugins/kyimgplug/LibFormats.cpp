@@ -124,9 +124,11 @@ BitmapPtr DecodePNG(const std::uint8_t* d, std::size_t n) {
     png_infop info = png_create_info_struct(png);
     PngSrc src{d, n, 0};
     Bitmap* volatile out = nullptr;
+    png_bytep* volatile rows = nullptr; // no C++ object may live across a longjmp
     if (setjmp(png_jmpbuf(png))) {
         png_destroy_read_struct(&png, &info, nullptr);
         delete out;
+        delete[] rows;
         return nullptr;
     }
     png_set_read_fn(png, &src, PngRead);
@@ -190,11 +192,12 @@ BitmapPtr DecodePNG(const std::uint8_t* d, std::size_t n) {
         out->dpmX = int(rx);
         out->dpmY = int(ry);
     }
-    std::vector<png_bytep> rows(h);
+    rows = new png_bytep[h];
     for (png_uint_32 y = 0; y < h; ++y)
         rows[y] = out->row(int(y));
-    png_read_image(png, rows.data());
+    png_read_image(png, rows);
     png_read_end(png, nullptr);
+    delete[] rows;
     png_destroy_read_struct(&png, &info, nullptr);
     return BitmapPtr(out);
 }

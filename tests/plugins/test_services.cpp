@@ -159,7 +159,11 @@ TEST(KyimgplugBitmaps, ThirtyTwoBitAlphaAndConversions) {
     ASSERT_NE(f, 0);
     EXPECT_EQ(KYIMGPLUG_GetImageType(f), 11);
     EXPECT_FLOAT_EQ(reinterpret_cast<const float*>(KYIMGPLUG_GetBits(f))[0], 30.0f / 255.0f);
-    EXPECT_EQ(KYIMGPLUG_ConvertToType(f, 1, 1) != 0, true);
+    std::intptr_t back = KYIMGPLUG_ConvertToType(f, 1, 1);
+    ASSERT_NE(back, 0);
+    EXPECT_EQ(KYIMGPLUG_GetBPP(back), 24);
+    EXPECT_EQ(std::memcmp(KYIMGPLUG_GetBits(back), expect24, 6), 0);
+    KYIMGPLUG_Unload(back);
     for (std::intptr_t h : {opaque, alpha, b24, grey, f})
         KYIMGPLUG_Unload(h);
 }
