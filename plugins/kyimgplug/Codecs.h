@@ -129,6 +129,7 @@ BitmapPtr DecodeLBM(const Bytes& d);
 BitmapPtr DecodeCUT(const Bytes& d);
 BitmapPtr DecodeKOALA(const Bytes& d);
 BitmapPtr DecodePCD(const Bytes& d);
+BitmapPtr DecodePICT(const Bytes& d);
 
 // Readers over maintained libraries (LibFormats.cpp)
 BitmapPtr DecodeJPEG(const std::uint8_t* d, std::size_t n);

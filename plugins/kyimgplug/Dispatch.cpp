@@ -309,6 +309,10 @@ BitmapPtr Decode(int fif, const std::string& path, int flags) {
             load();
             bm = DecodePFM(d);
             break;
+        case kPICT:
+            load();
+            bm = DecodePICT(d);
+            break;
         case kRAW:
             bm = DecodeRAW(path);
             break;

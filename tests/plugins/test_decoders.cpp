@@ -98,6 +98,9 @@ const DecodeCase kCases[] = {
     {"j2k", "a.j2k", "-quality 0", 30, 30, 0, 24},
     {"jp2", "a.jp2", "-quality 0", 31, 31, 0, 24},
     {"jbig", "a.jbg", "-monochrome", 35, 35, 0, 1},
+    {"pict", "a.pict", "", 33, 33, 0, 24},
+    {"pict_palette", "a.pict", "-colors 16 -type palette", 33, 33, 0, 8},
+    {"pict_alpha", "a.pict", "-alpha set -channel A -fx 'i/w' +channel", 33, 33, 0, 32},
 };
 
 // A raw Group 3 stream has no header: it is cut out of a G3 TIFF written by

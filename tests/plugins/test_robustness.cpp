@@ -113,7 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
                       "a.pgm -colorspace gray -compress none", "a.ppm", "a.pcx", "a.png", "a.ras",
                       "a.tga -compress RLE", "a.tif -compress lzw", "a.wbmp", "a.psd", "a.xbm",
                       "a.xpm -colors 16", "a.dds", "a.gif", "a.hdr", "a.sgi -compress RLE", "a.j2k",
-                      "a.jp2", "a.pfm", "a.jbg -monochrome", "a.exr", "a.pcd",
+                      "a.jp2", "a.pfm", "a.pict", "a.jbg -monochrome", "a.exr", "a.pcd",
                       "fax:a.g3 -resize 1728x"),
     [](const auto& info) {
         std::string s = info.param;
