@@ -1055,7 +1055,8 @@ BitmapPtr DecodeLBM(const Bytes& d) {
             int nPlanes = pbm ? 1 : planes + (mask == 1 ? 1 : 0);
             auto bm = NewBitmap(kStandard, w, h, planes == 24 ? 24 : 8);
             int ncol = int(cmap.size() / 3);
-            for (int i = 0; i < std::min(ncol, 256); ++i)
+            // A 24-plane picture has no palette for the CMAP to fill.
+            for (int i = 0; i < std::min(ncol, bm->colors()); ++i)
                 bm->setColor(i, cmap[i * 3], cmap[i * 3 + 1], cmap[i * 3 + 2]);
             std::vector<std::uint8_t> line(std::size_t(rowBytes) * nPlanes);
             for (int y = 0; y < h; ++y) {
