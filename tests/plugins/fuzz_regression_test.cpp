@@ -25,7 +25,8 @@ const std::map<std::string, int> kFormats = {
     {"mng", 6},    {"pnm", 8},   {"pcd", 9},   {"pcx", 10}, {"png", 13},   {"ras", 16},
     {"targa", 17}, {"tiff", 18}, {"wbmp", 19}, {"psd", 20}, {"cut", 21},   {"xbm", 22},
     {"xpm", 23},   {"dds", 24},  {"gif", 25},  {"hdr", 26}, {"faxg3", 27}, {"sgi", 28},
-    {"exr", 29},   {"j2k", 30},  {"jp2", 31},  {"pfm", 32}, {"raw", 34},   {"jbig", 35}};
+    {"exr", 29},   {"j2k", 30},  {"jp2", 31},  {"pfm", 32}, {"pict", 33},  {"raw", 34},
+    {"jbig", 35}};
 
 TEST(FuzzRegressionPlugin, EveryInputLoadsOrIsRefused) {
     int seen = 0;
