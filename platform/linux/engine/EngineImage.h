@@ -31,9 +31,9 @@ struct PropertyRecord {
 // stays open while the image lives; selecting a frame decodes it into the
 // image.
 class FrameSource {
-public:
+  public:
     virtual ~FrameSource() = default;
-    virtual GUID Dimension() const = 0;      // the frame dimension (page or time)
+    virtual GUID Dimension() const = 0; // the frame dimension (page or time)
     virtual UINT FrameCount() const = 0;
     // Decodes one frame into a fresh bitmap (pixels, palette, resolution,
     // properties); the engine moves it into the image.
@@ -55,9 +55,9 @@ struct GpImage {
     float dpiX = 96.0f;
     float dpiY = 96.0f;
     std::vector<engine::PropertyRecord> properties; // in insertion (file) order
-    UINT flags = 0;                                  // colour space and alpha bits
-    GUID rawFormat{};                                // MemoryBMP for new bitmaps
-    std::shared_ptr<engine::FrameSource> frames;     // null for a single-frame image
+    UINT flags = 0;                                 // colour space and alpha bits
+    GUID rawFormat{};                               // MemoryBMP for new bitmaps
+    std::shared_ptr<engine::FrameSource> frames;    // null for a single-frame image
     UINT activeFrame = 0;
     // Lock state: a bitmap has at most one lock at a time.
     bool locked = false;
@@ -67,7 +67,9 @@ struct GpImage {
     std::vector<std::uint8_t> lockScratch; // converted copy for non-native locks
     BitmapData lockCallerData{};           // the caller's buffer for user-buffer locks
 
-    std::uint8_t* Row(INT y) const { return pixels->data + static_cast<std::ptrdiff_t>(y) * stride; }
+    std::uint8_t* Row(INT y) const {
+        return pixels->data + static_cast<std::ptrdiff_t>(y) * stride;
+    }
 };
 
 namespace engine {
