@@ -346,7 +346,7 @@ bool Encode(int fif, Bitmap& bm, const std::string& path, int flags) {
             ok = EncodeICO(bm, out);
             break;
         case kJPEG:
-            ok = EncodeJPEG(bm, flags & 0x7f, out);
+            ok = EncodeJPEG(bm, flags, out); // flags: quality, 0 or less for the default
             break;
         case kPBM:
         case kPGM:

@@ -186,6 +186,21 @@ TEST(PluginEncodeTiff, CompressionFollowsTheFlags) {
     KYIMGPLUG_Unload(bw);
 }
 
+TEST(PluginEncodeJpeg, QualityFlagsAreClampedAndDefaulted) {
+    TempDir dir;
+    std::intptr_t bm = Pattern24();
+    for (int q : {-1, 0, 20, 75, 100, 150}) {
+        std::string file = dir / ("q" + std::to_string(q + 1) + ".jpg");
+        ASSERT_EQ(KYIMGPLUG_SaveU(2, bm, file.c_str(), q), 1) << q;
+    }
+    auto size = [&](int q) { return fs::file_size(dir / ("q" + std::to_string(q + 1) + ".jpg")); };
+    EXPECT_EQ(size(-1), size(75)); // default quality
+    EXPECT_EQ(size(0), size(75));
+    EXPECT_EQ(size(150), size(100)); // above 100 saves at 100
+    EXPECT_LT(size(20), size(75));
+    KYIMGPLUG_Unload(bm);
+}
+
 TEST(PluginEncodeJ2K, RateTradesSizeForError) {
     TempDir dir;
     std::intptr_t bm = Pattern24();
