@@ -187,6 +187,8 @@ void CopyFacts(const Bitmap& from, Bitmap& to) {
     to.delayMs = from.delayMs;
     to.disposal = from.disposal;
     to.loopCount = from.loopCount;
+    to.icc = from.icc;
+    to.metadata = from.metadata;
 }
 
 bool HasTransparency(const Bitmap& bm) {

@@ -186,6 +186,12 @@ BitmapPtr DecodePNG(const std::uint8_t* d, std::size_t n) {
                 out->transparency[std::size_t(i)] = ta[i];
         }
     }
+    png_charp iccName = nullptr;
+    png_bytep iccData = nullptr;
+    png_uint_32 iccLen = 0;
+    int iccComp = 0;
+    if (png_get_iCCP(png, info, &iccName, &iccComp, &iccData, &iccLen) && iccData && iccLen > 0)
+        out->icc.assign(iccData, iccData + iccLen);
     png_uint_32 rx = 0, ry = 0;
     int unit = 0;
     if (png_get_pHYs(png, info, &rx, &ry, &unit) && unit == PNG_RESOLUTION_METER && rx && ry) {
@@ -464,6 +470,10 @@ BitmapPtr ReadTiffDirectory(TIFF* t, int flags) {
             }
     }
     ReadResolution(t, *bm);
+    std::uint32_t iccLen = 0;
+    void* icc = nullptr;
+    if (TIFFGetField(t, TIFFTAG_ICCPROFILE, &iccLen, &icc) && icc && iccLen > 0)
+        bm->icc.assign(static_cast<std::uint8_t*>(icc), static_cast<std::uint8_t*>(icc) + iccLen);
     return bm;
 }
 } // namespace

@@ -332,6 +332,9 @@ bool WritePng(const Bitmap* bm, Bytes& o, std::vector<png_color>& pal,
     png_set_IHDR(png, info, png_uint_32(bm->width), png_uint_32(bm->height), depth, ct,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_set_pHYs(png, info, png_uint_32(bm->dpmX), png_uint_32(bm->dpmY), PNG_RESOLUTION_METER);
+    if (!bm->icc.empty())
+        png_set_iCCP(png, info, "ICC Profile", PNG_COMPRESSION_TYPE_BASE, bm->icc.data(),
+                     png_uint_32(bm->icc.size()));
     if (ct == PNG_COLOR_TYPE_PALETTE) {
         for (int i = 0; i < bm->colors(); ++i)
             pal.push_back({bm->palette[std::size_t(i) * 4 + 2], bm->palette[std::size_t(i) * 4 + 1],
@@ -642,6 +645,8 @@ bool WriteTiffPage(TIFF* t, const Bitmap& in, int flags) {
     TIFFSetField(t, TIFFTAG_XRESOLUTION, float(bm->dpmX * 0.0254));
     TIFFSetField(t, TIFFTAG_YRESOLUTION, float(bm->dpmY * 0.0254));
     TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
+    if (!in.icc.empty())
+        TIFFSetField(t, TIFFTAG_ICCPROFILE, std::uint32_t(in.icc.size()), in.icc.data());
     if (spp == 4) {
         std::uint16_t ex = EXTRASAMPLE_UNASSALPHA;
         TIFFSetField(t, TIFFTAG_EXTRASAMPLES, 1, &ex);

@@ -287,4 +287,44 @@ TEST(KyimgplugServices, Ccitt4RowsDecodeBackWithOneAsBlack) {
     EXPECT_EQ(KYIMGPLUG_VB_CompressCCITT4(nullptr, w, h, stride, nullptr, 0), 0);
 }
 
+// Colour profiles travel from TIFF and PNG files into the bitmap and back,
+// and can be removed or attached before a save (the host's ICC operations).
+TEST(KyimgplugProfiles, EmbeddedProfilesAreReadRemovedAndWritten) {
+    const std::string icm = "/usr/share/color/argyll/ref/sRGB.icm";
+    if (!fs::exists(icm)) GTEST_SKIP() << "no ICC profile on this system";
+    Bytes profile = ReadAll(icm);
+    TempDir dir;
+    ASSERT_TRUE(MakeSourcePng(dir / "src.png", 12, 9));
+    for (const char* name : {"a.tif", "a.png"}) {
+        SCOPED_TRACE(name);
+        std::string file = dir / name;
+        ASSERT_EQ(Shell(std::string(kConvert) + " '" + (dir / "src.png") + "' -profile '" + icm +
+                        "' '" + file + "'"),
+                  0);
+        int fif = KYIMGPLUG_GetFileTypeU(file.c_str(), 0);
+        std::intptr_t bm = KYIMGPLUG_LoadU(fif, file.c_str(), 1);
+        ASSERT_NE(bm, 0);
+        struct Icc {
+            std::uint16_t flags;
+            std::uint32_t size;
+            void* data;
+        };
+        auto* p = reinterpret_cast<const Icc*>(KYIMGPLUG_GetICCProfile(bm));
+        ASSERT_NE(p, nullptr);
+        ASSERT_EQ(p->size, profile.size());
+        EXPECT_EQ(std::memcmp(p->data, profile.data(), profile.size()), 0);
+        // Removed, then saved over the same file: no profile is left.
+        KYIMGPLUG_DestroyICCProfile(bm);
+        EXPECT_EQ(KYIMGPLUG_GetICCProfile(bm), 0);
+        ASSERT_EQ(KYIMGPLUG_SaveU(fif, bm, file.c_str(), 1), 1);
+        EXPECT_EQ(PilField(file, "im.info.get('icc_profile') is None"), "True");
+        // Attached from a file and saved: PIL finds the same bytes.
+        ASSERT_NE(KYIMGPLUG_CreateICCProfileFromFile(bm, icm.c_str()), 0);
+        ASSERT_EQ(KYIMGPLUG_SaveU(fif, bm, file.c_str(), 1), 1);
+        EXPECT_EQ(PilField(file, "len(im.info.get('icc_profile') or b'')"),
+                  std::to_string(profile.size()));
+        KYIMGPLUG_Unload(bm);
+    }
+}
+
 } // namespace
