@@ -38,7 +38,7 @@ InputBudget::~InputBudget() {
     g_inputBytes = saved_;
 }
 
-BitmapPtr NewBitmap(int type, int width, int height, int bpp) {
+void CheckSize(int type, int width, int height, int bpp) {
     bpp = BppOfType(type, bpp);
     if (width <= 0 || height <= 0 || width > 65535 || height > 65535) throw DecodeError("bad size");
     if (std::uint64_t(width) * std::uint64_t(height) > (std::uint64_t(1) << 28))
@@ -52,6 +52,11 @@ BitmapPtr NewBitmap(int type, int width, int height, int bpp) {
     std::uint64_t need = ((std::uint64_t(width) * bpp + 31) / 32) * 4 * std::uint64_t(height);
     if (g_inputBytes && need > g_inputBytes * 2048 + (std::uint64_t(64) << 20))
         throw DecodeError("lying size");
+}
+
+BitmapPtr NewBitmap(int type, int width, int height, int bpp) {
+    CheckSize(type, width, height, bpp);
+    bpp = BppOfType(type, bpp);
     auto bm = std::make_unique<Bitmap>();
     bm->type = type;
     bm->width = width;

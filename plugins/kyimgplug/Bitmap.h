@@ -92,6 +92,8 @@ class InputBudget {
 
 // Throws DecodeError for sizes that cannot be real (0, negative, too large).
 BitmapPtr NewBitmap(int type, int width, int height, int bpp);
+// The same checks without making the bitmap.
+void CheckSize(int type, int width, int height, int bpp);
 int BppOfType(int type, int bpp);
 void SetGreyPalette(Bitmap& bm);
 

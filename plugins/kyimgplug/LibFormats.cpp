@@ -453,9 +453,11 @@ BitmapPtr ReadTiffDirectory(TIFF* t, int flags) {
         std::uint16_t extra = 0, *extraTypes = nullptr;
         TIFFGetField(t, TIFFTAG_EXTRASAMPLES, &extra, &extraTypes);
         bool alpha = extra > 0;
+        // The bitmap first: it refuses sizes the file cannot hold before the
+        // scratch buffer is spent on them.
+        bm = NewBitmap(kStandard, int(w), int(h), alpha ? 32 : 24);
         std::vector<std::uint32_t> px(std::size_t(w) * h);
         if (!TIFFReadRGBAImageOriented(t, w, h, px.data(), ORIENTATION_TOPLEFT, 0)) return nullptr;
-        bm = NewBitmap(kStandard, int(w), int(h), alpha ? 32 : 24);
         bm->alpha = alpha;
         for (std::uint32_t y = 0; y < h; ++y)
             for (std::uint32_t x = 0; x < w; ++x) {
@@ -581,8 +583,14 @@ BitmapPtr DecodeJ2K(const Bytes& d, bool jp2) {
     opj_image_t* img = nullptr;
     BitmapPtr bm;
     try {
-        if (opj_setup_decoder(codec, &params) && opj_read_header(s, codec, &img) && img &&
-            opj_decode(codec, s, img) && opj_end_decompress(codec, s)) {
+        bool header = opj_setup_decoder(codec, &params) && opj_read_header(s, codec, &img) && img;
+        if (header) {
+            // Refuse a stated size the file cannot hold before decoding it.
+            long long hw = (long long)img->x1 - img->x0, hh = (long long)img->y1 - img->y0;
+            if (hw <= 0 || hh <= 0 || hw > 65535 || hh > 65535) throw DecodeError("size");
+            CheckSize(kStandard, int(hw), int(hh), img->numcomps >= 4 ? 32 : 24);
+        }
+        if (header && opj_decode(codec, s, img) && opj_end_decompress(codec, s)) {
             int nc = int(img->numcomps);
             if (nc < 1) throw DecodeError("no components");
             int w = int(img->x1 - img->x0), h = int(img->y1 - img->y0);
@@ -682,6 +690,7 @@ BitmapPtr DecodeJBIG(const Bytes& d) {
     std::uint32_t yd = std::uint32_t(d[8]) << 24 | d[9] << 16 | d[10] << 8 | d[11];
     if (d[2] != 1 || xd == 0 || xd > 65535 || yd == 0 || (yd > 65535 && yd != 0xffffffffu))
         throw DecodeError("jbig header");
+    if (yd != 0xffffffffu) CheckSize(kStandard, int(xd), int(yd), 1); // throws for a lying size
     jbg_dec_state s;
     jbg_dec_init(&s);
     jbg_dec_maxsize(&s, 65535, 65535);
