@@ -614,6 +614,25 @@ void ApplyFilter(std::int32_t nFilterId, FilterContext& ctx) {
     if (FilterFunction fn = FindFilterFunction(nFilterId)) fn(ctx);
 }
 
+namespace {
+int DetectVectors() {
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+        __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx2"))
+        return kVectorsAvx512;
+    return __builtin_cpu_supports("avx2") ? kVectorsAvx2 : kVectorsSse2;
+}
+thread_local int tVectorLimit = kVectorsAvx512;
+} // namespace
+
+int FilterVectorLevel() {
+    static const int detected = DetectVectors();
+    return detected < tVectorLimit ? detected : tVectorLimit;
+}
+
+void LimitFilterVectors(int nLevel) {
+    tVectorLimit = nLevel;
+}
+
 void SeedFilterRandom(std::uint32_t nSeed) {
     tRandomState = nSeed;
 }

@@ -124,6 +124,13 @@ float NextFilterRandom();
 // Rounds half to even to a signed 32-bit integer (the filters' Round).
 std::int32_t RoundI(double v);
 
+// The widest vector instructions the filters use on this thread: 0 none
+// beyond SSE2, 1 AVX2, 2 AVX-512 (F, BW and VBMI). It is what the processor
+// has, lowered by LimitFilterVectors (tests compare the paths).
+enum FilterVectors : int { kVectorsSse2 = 0, kVectorsAvx2 = 1, kVectorsAvx512 = 2 };
+int FilterVectorLevel();
+void LimitFilterVectors(int nLevel);
+
 // Palette forms (8-bit images with a coloured palette): the table applied to
 // each entry's blue, green and red.
 void BuildNegativeTable(std::uint8_t T[256]);

@@ -4,8 +4,11 @@
 // Tables are built once per call; rounding is half to even.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC optimize("O3")
+// GCC 12's AVX-512 headers start some intrinsics from a deliberately
+// undefined vector, which -Wmaybe-uninitialized reports at every use.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #include <algorithm>
 #include <cmath>
@@ -62,9 +65,33 @@ struct Gray3Table {
 // every s of 0..765 (the error s / 98304 stays below the gap of 1/3), so the
 // sum runs four pixels to a vector in blocks whose 32-bit totals cannot
 // overflow.
+// The same sum sixteen pixels at a time: one multiply-add of the bytes by
+// 1, 1, 1, 0 and one of the pairs gives R + G + B in each 32-bit lane.
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) std::int64_t
+SumGray3Avx512(const std::uint32_t* p, std::size_t n) {
+    const __m512i w = _mm512_set1_epi32(0x00010101), one = _mm512_set1_epi16(1),
+                  k = _mm512_set1_epi32(21846);
+    std::int64_t sum = 0;
+    std::size_t i = 0;
+    while (n - i >= 16) {
+        const std::size_t end = i + std::min<std::size_t>((n - i) & ~std::size_t(15), 1u << 20);
+        __m512i acc = _mm512_setzero_si512();
+        for (; i < end; i += 16) {
+            const __m512i v = _mm512_loadu_si512(p + i);
+            const __m512i t = _mm512_madd_epi16(_mm512_maddubs_epi16(v, w), one);
+            acc = _mm512_add_epi32(acc, _mm512_mulhi_epu16(t, k));
+        }
+        sum += static_cast<std::uint32_t>(_mm512_reduce_add_epi32(acc));
+    }
+    for (; i < n; ++i)
+        sum += (B_(p[i]) + G_(p[i]) + R_(p[i])) / 3;
+    return sum;
+}
+
 std::int64_t SumGray3(const FilterPixels& px) {
     const std::uint32_t* p = px.data();
     const std::size_t n = px.size();
+    if (FilterVectorLevel() >= kVectorsAvx512) return SumGray3Avx512(p, n);
     const __m128i m8 = _mm_set1_epi32(0xFF), k = _mm_set1_epi32(21846);
     std::int64_t sum = 0;
     std::size_t i = 0;
@@ -243,6 +270,194 @@ inline std::uint32_t BalanceClip(std::int32_t r, std::int32_t g, std::int32_t b)
     return (std::uint32_t(r) << 16) | (std::uint32_t(g) << 8) | std::uint32_t(b);
 }
 
+// One step of the clip on sixteen lanes: channel x passes what it has below
+// 0 or above 255 by halves to y and z (truncated as the scalar division).
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline void
+ClipStep16(__m512i& x, __m512i& y, __m512i& z) {
+    const __m512i zero = _mm512_setzero_si512(), k255 = _mm512_set1_epi32(255);
+    const __mmask16 neg = _mm512_cmplt_epi32_mask(x, zero);
+    __m512i h = _mm512_srai_epi32(_mm512_add_epi32(x, _mm512_srli_epi32(x, 31)), 1);
+    y = _mm512_mask_add_epi32(y, neg, y, h);
+    z = _mm512_mask_add_epi32(z, neg, z, h);
+    x = _mm512_max_epi32(x, zero);
+    const __mmask16 over = _mm512_cmpgt_epi32_mask(x, k255);
+    h = _mm512_srai_epi32(_mm512_sub_epi32(x, k255), 1);
+    y = _mm512_mask_add_epi32(y, over, y, h);
+    z = _mm512_mask_add_epi32(z, over, z, h);
+    x = _mm512_min_epi32(x, k255);
+}
+
+// One pass of the clip's loop body on sixteen lanes (steps 1 to 8).
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline void
+ClipBody16(__m512i& r, __m512i& g, __m512i& b) {
+    const __m512i zero = _mm512_setzero_si512(), k255 = _mm512_set1_epi32(255);
+    const __mmask16 low = _mm512_cmple_epi32_mask(r, zero) & _mm512_cmple_epi32_mask(g, zero) &
+                          _mm512_cmple_epi32_mask(b, zero);
+    r = _mm512_mask_mov_epi32(r, low, zero);
+    g = _mm512_mask_mov_epi32(g, low, zero);
+    b = _mm512_mask_mov_epi32(b, low, zero);
+    const __mmask16 high = _mm512_cmpge_epi32_mask(r, k255) & _mm512_cmpge_epi32_mask(g, k255) &
+                           _mm512_cmpge_epi32_mask(b, k255);
+    r = _mm512_mask_mov_epi32(r, high, k255);
+    g = _mm512_mask_mov_epi32(g, high, k255);
+    b = _mm512_mask_mov_epi32(b, high, k255);
+    ClipStep16(r, g, b);
+    ClipStep16(g, r, b);
+    ClipStep16(b, g, r);
+}
+
+// A 256-entry byte table held in four vectors, looked up for 64 bytes.
+struct ByteTable64 {
+    __m512i q0, q1, q2, q3;
+};
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline ByteTable64
+LoadByteTable(const std::uint8_t* t) {
+    return {_mm512_loadu_si512(t), _mm512_loadu_si512(t + 64), _mm512_loadu_si512(t + 128),
+            _mm512_loadu_si512(t + 192)};
+}
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline __m512i LookUp64(const ByteTable64& t,
+                                                                               __m512i v) {
+    const __m512i a = _mm512_permutex2var_epi8(t.q0, v, t.q1);
+    const __m512i b = _mm512_permutex2var_epi8(t.q2, v, t.q3);
+    return _mm512_mask_blend_epi8(_mm512_movepi8_mask(v), a, b);
+}
+
+// Byte selector for _mm512_permutex2var_epi8: the low byte of channel k from
+// the first source and its high byte from the second (bytes 64 and up) into
+// the two low bytes of each lane.
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline __m512i PairSelector(int k) {
+    alignas(64) std::uint8_t sel[64];
+    for (int j = 0; j < 16; ++j) {
+        sel[4 * j] = static_cast<std::uint8_t>(4 * j + k);
+        sel[4 * j + 1] = static_cast<std::uint8_t>(64 + 4 * j + k);
+        sel[4 * j + 2] = sel[4 * j + 3] = 0;
+    }
+    return _mm512_load_si512(sel);
+}
+// The signed 16-bit entry from its low and high byte, as 32 bits.
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline __m512i
+ShortEntry(__m512i low, __m512i sel, __m512i high) {
+    return _mm512_srai_epi32(_mm512_slli_epi32(_mm512_permutex2var_epi8(low, sel, high), 16), 16);
+}
+
+// The contrast table and clip sixteen pixels at a time. T is monotonic, so
+// the bytes whose entry lies in 0..255 form one range [lo, hi] (empty when
+// lo > hi): a pixel whose three colour bytes fall in it takes the table's
+// low bytes and needs no clip. The others are collected per block with the
+// low and the high bytes of their entries (when every entry fits 16 bits;
+// otherwise the entries are gathered from T), and run through the clip's
+// loop body sixteen at a time. A lane whose three values are already bytes
+// is a fixed point of that body (every step is guarded by a value outside
+// 0..255, and steps 1 and 2 then change nothing), so one pass is made over
+// all collected pixels and the few lanes still outside 0..255 after it are
+// collected again and run until they are done.
+template <bool bShort>
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) void
+ContrastAvx512(std::uint32_t* p, std::size_t n, const std::int32_t T[256], std::int32_t lo,
+               std::int32_t hi) {
+    alignas(64) std::uint8_t TL[256], TH[256];
+    for (int i = 0; i < 256; ++i) {
+        TL[i] = static_cast<std::uint8_t>(T[i] & 0xFF);
+        TH[i] = static_cast<std::uint8_t>((T[i] >> 8) & 0xFF);
+    }
+    const ByteTable64 tl = LoadByteTable(TL), th = LoadByteTable(TH);
+    const bool bEmpty = lo > hi;
+    const __m512i vlo = _mm512_set1_epi8(static_cast<char>(bEmpty ? 0 : lo));
+    const __m512i vhi = _mm512_set1_epi8(static_cast<char>(bEmpty ? 0 : hi));
+    const __mmask64 kAlphaBytes = 0x8888888888888888ull;
+    const __m512i ones = _mm512_set1_epi32(-1),
+                  iota = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    const __m512i m8 = _mm512_set1_epi32(0xFF),
+                  am = _mm512_set1_epi32(static_cast<int>(0xFF000000u));
+    const __m512i zero = _mm512_setzero_si512(), notByte = _mm512_set1_epi32(~0xFF);
+    const __m512i selB = PairSelector(0), selG = PairSelector(1), selR = PairSelector(2);
+    constexpr std::size_t kBlock = 2048;
+    alignas(64) std::uint32_t was[kBlock + 16], wasHigh[kBlock + 16];
+    alignas(64) std::int32_t where[kBlock + 16];
+    alignas(64) std::int32_t leftR[kBlock + 16], leftG[kBlock + 16], leftB[kBlock + 16],
+        leftI[kBlock + 16];
+    alignas(64) std::uint32_t leftA[kBlock + 16];
+    for (std::size_t start = 0; start < n; start += kBlock) {
+        const std::size_t len = std::min(n - start, kBlock);
+        std::uint32_t* q = p + start;
+        std::size_t nMarked = 0;
+        for (std::size_t i = 0; i < len; i += 16) {
+            const __mmask16 live =
+                len - i >= 16 ? __mmask16(0xFFFF) : static_cast<__mmask16>((1u << (len - i)) - 1u);
+            const __m512i v = _mm512_maskz_loadu_epi32(live, q + i);
+            const __m512i out = _mm512_mask_blend_epi8(kAlphaBytes, LookUp64(tl, v), v);
+            _mm512_mask_storeu_epi32(q + i, live, out);
+            __mmask64 in = kAlphaBytes;
+            if (!bEmpty) in |= _mm512_cmpge_epu8_mask(v, vlo) & _mm512_cmple_epu8_mask(v, vhi);
+            const __mmask16 bad = _mm512_cmpneq_epi32_mask(_mm512_movm_epi8(in), ones) & live;
+            if (bad) {
+                _mm512_storeu_si512(was + nMarked,
+                                    _mm512_maskz_compress_epi32(bad, bShort ? out : v));
+                if (bShort)
+                    _mm512_storeu_si512(wasHigh + nMarked,
+                                        _mm512_maskz_compress_epi32(bad, LookUp64(th, v)));
+                _mm512_storeu_si512(
+                    where + nMarked,
+                    _mm512_maskz_compress_epi32(
+                        bad, _mm512_add_epi32(iota, _mm512_set1_epi32(static_cast<int>(i)))));
+                nMarked += static_cast<std::size_t>(_mm_popcnt_u32(bad));
+            }
+        }
+        std::size_t nLeft = 0;
+        for (std::size_t k = 0; k < nMarked; k += 16) {
+            const __mmask16 live = nMarked - k >= 16
+                                       ? __mmask16(0xFFFF)
+                                       : static_cast<__mmask16>((1u << (nMarked - k)) - 1u);
+            const __m512i v = _mm512_maskz_loadu_epi32(live, was + k);
+            const __m512i idx = _mm512_loadu_si512(where + k);
+            __m512i r, g, b;
+            if (bShort) {
+                const __m512i h = _mm512_maskz_loadu_epi32(live, wasHigh + k);
+                r = ShortEntry(v, selR, h);
+                g = ShortEntry(v, selG, h);
+                b = ShortEntry(v, selB, h);
+            } else {
+                r = _mm512_mask_i32gather_epi32(
+                    zero, live, _mm512_and_si512(_mm512_srli_epi32(v, 16), m8), T, 4);
+                g = _mm512_mask_i32gather_epi32(
+                    zero, live, _mm512_and_si512(_mm512_srli_epi32(v, 8), m8), T, 4);
+                b = _mm512_mask_i32gather_epi32(zero, live, _mm512_and_si512(v, m8), T, 4);
+            }
+            ClipBody16(r, g, b);
+            const __m512i out =
+                _mm512_or_si512(_mm512_and_si512(v, am),
+                                _mm512_or_si512(_mm512_slli_epi32(r, 16),
+                                                _mm512_or_si512(_mm512_slli_epi32(g, 8), b)));
+            _mm512_mask_i32scatter_epi32(q, live, idx, out, 4);
+            const __mmask16 more =
+                _mm512_test_epi32_mask(_mm512_or_si512(_mm512_or_si512(r, g), b), notByte);
+            if (more) {
+                _mm512_storeu_si512(leftR + nLeft, _mm512_maskz_compress_epi32(more, r));
+                _mm512_storeu_si512(leftG + nLeft, _mm512_maskz_compress_epi32(more, g));
+                _mm512_storeu_si512(leftB + nLeft, _mm512_maskz_compress_epi32(more, b));
+                _mm512_storeu_si512(leftA + nLeft, _mm512_maskz_compress_epi32(more, v));
+                _mm512_storeu_si512(leftI + nLeft, _mm512_maskz_compress_epi32(more, idx));
+                nLeft += static_cast<std::size_t>(_mm_popcnt_u32(more));
+            }
+        }
+        for (std::size_t k = 0; k < nLeft; k += 16) {
+            const __mmask16 live = nLeft - k >= 16
+                                       ? __mmask16(0xFFFF)
+                                       : static_cast<__mmask16>((1u << (nLeft - k)) - 1u);
+            __m512i r = _mm512_maskz_loadu_epi32(live, leftR + k);
+            __m512i g = _mm512_maskz_loadu_epi32(live, leftG + k);
+            __m512i b = _mm512_maskz_loadu_epi32(live, leftB + k);
+            while (_mm512_test_epi32_mask(_mm512_or_si512(_mm512_or_si512(r, g), b), notByte))
+                ClipBody16(r, g, b);
+            const __m512i out =
+                _mm512_or_si512(_mm512_and_si512(_mm512_loadu_si512(leftA + k), am),
+                                _mm512_or_si512(_mm512_slli_epi32(r, 16),
+                                                _mm512_or_si512(_mm512_slli_epi32(g, 8), b)));
+            _mm512_mask_i32scatter_epi32(q, live, _mm512_loadu_si512(leftI + k), out, 4);
+        }
+    }
+}
+
 } // namespace
 
 // id 17: a signed table around the zone's mean gray, then the balancing clip.
@@ -269,6 +484,28 @@ void FilterContrast(FilterContext& ctx) {
     }
     const std::size_t n = ctx.WorkPixels.size();
     std::uint32_t* p = ctx.WorkPixels.data();
+    if (FilterVectorLevel() >= kVectorsAvx512) {
+        // The bytes whose entry is in 0..255, when they form one range.
+        std::int32_t lo = 256, hi = -1;
+        for (int i = 0; i < 256; ++i)
+            if (static_cast<std::uint32_t>(T[i]) <= 255u) {
+                lo = std::min(lo, i);
+                hi = i;
+            }
+        bool bRange = true;
+        for (int i = lo; i <= hi; ++i)
+            bRange = bRange && static_cast<std::uint32_t>(T[i]) <= 255u;
+        if (bRange) {
+            bool bShort = true;
+            for (int i = 0; i < 256; ++i)
+                bShort = bShort && T[i] >= -32768 && T[i] <= 32767;
+            if (bShort)
+                ContrastAvx512<true>(p, n, T, lo, hi);
+            else
+                ContrastAvx512<false>(p, n, T, lo, hi);
+            return;
+        }
+    }
     constexpr std::size_t kBlock = 2048;
     std::uint32_t where[kBlock], was[kBlock];
     for (std::size_t start = 0; start < n; start += kBlock) {

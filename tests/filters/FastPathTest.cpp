@@ -262,3 +262,59 @@ TEST(FastPaths, AFailingFilterLeavesTheImageAlone) {
     after.resize(30);
     EXPECT_EQ(after, before);
 }
+
+namespace {
+
+// Every colour once (alpha varying too), followed by `nPadRows` rows of
+// `pad`, which steer the zone's mean gray.
+std::vector<std::uint32_t> EveryColour(int nPadRows, std::uint32_t pad) {
+    std::vector<std::uint32_t> px((4096u + nPadRows) * 4096u, pad);
+    for (std::uint32_t i = 0; i < (1u << 24); ++i)
+        px[i] = ((i * 2654435761u) & 0xFF000000u) | i;
+    return px;
+}
+
+// Restores the widest vectors when a test ends.
+struct VectorLimit {
+    explicit VectorLimit(int n) { LimitFilterVectors(n); }
+    ~VectorLimit() { LimitFilterVectors(kVectorsAvx512); }
+};
+
+} // namespace
+
+TEST(FastPaths, ContrastMatchesTheFormulaOnEveryColour) {
+    struct Case {
+        int pct, nPadRows;
+        std::uint32_t pad;
+    };
+    // Mean gray near 127, 84 and 170; raising, flattening and inverting
+    // contrast; and a contrast whose table leaves 16 bits.
+    for (const Case& c : {Case{10, 0, 0}, Case{100, 2048, Gray(0)}, Case{-150, 0, 0},
+                          Case{45, 2048, Gray(255)}, Case{30000, 1024, Px(0, 250, 3, 128)}}) {
+        const auto px = EveryColour(c.nPadRows, c.pad);
+        const int h = 4096 + c.nPadRows;
+        const auto want = ContrastByHand(px, c.pct);
+        const auto got = Apply({17, static_cast<double>(c.pct)}, px, 4096, h);
+        std::size_t bad = 0;
+        for (std::size_t i = 0; i < px.size(); ++i)
+            bad += got[i] != want[i];
+        EXPECT_EQ(bad, 0u) << "contrast " << c.pct << " with " << c.nPadRows << " padding rows";
+    }
+}
+
+TEST(FastPaths, ContrastVectorAndPlainPathsAgree) {
+    const std::pair<int, int> sizes[] = {{37, 23}, {1, 9}, {15, 1}, {2049, 3}, {4097, 2}};
+    for (const auto& [w, h] : sizes)
+        for (int pct : {-300, -150, -100, -37, 0, 10, 45, 100, 300, 1000, 30000, 200000}) {
+            const std::size_t n = static_cast<std::size_t>(w) * h;
+            for (const auto& px : {Noise(n, 17u + pct), Extremes(n, 19u + pct),
+                                   std::vector<std::uint32_t>(n, Px(7, 255, 0, 255))}) {
+                const auto want = ContrastByHand(px, pct);
+                for (int level : {kVectorsSse2, kVectorsAvx2, kVectorsAvx512}) {
+                    VectorLimit limit(level);
+                    EXPECT_EQ(Apply({17, static_cast<double>(pct)}, px, w, h), want)
+                        << w << "x" << h << " at " << pct << ", vectors " << level;
+                }
+            }
+        }
+}
