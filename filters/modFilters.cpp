@@ -142,6 +142,14 @@ bool RunsInImage(std::int32_t id) {
     }
 }
 
+// Identifiers that read an untouched copy but have a form that needs none
+// (it keeps the few source rows it still needs) and cannot fail once it has
+// started writing: on a packed 32-bit ARGB image that form runs in the
+// image's rows, with no copy in or out.
+FilterFunction InPlaceForm(std::int32_t id) {
+    return id == 61 ? FilterDespeckleInPlace : nullptr;
+}
+
 bool IsYesNoStatistic(std::int32_t id) {
     return id == 36 || id == 53 || id == 59;
 }
@@ -373,7 +381,8 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
 
     // A function that may run in the image's rows does so when they are
     // 32-bit ARGB and packed: no copy in, none out.
-    if (fn && RunsInImage(FilterId) && format == kFormatARGB) {
+    const FilterFunction inPlace = InPlaceForm(FilterId);
+    if (fn && (RunsInImage(FilterId) || inPlace) && format == kFormatARGB) {
         bool bPacked = false;
         {
             ReadLock probe(owner, Image);
@@ -391,7 +400,7 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
                 ctx.WorkPixels.Borrow(static_cast<std::uint32_t*>(data.Scan0), count);
                 ctx.PixelIndex = 0;
                 try {
-                    fn(ctx);
+                    (inPlace ? inPlace : fn)(ctx);
                 } catch (...) {
                     ctx.WorkPixels.Release();
                     owner.UnlockBits(Image, data);

@@ -5,12 +5,16 @@
 // their value; alpha is never touched.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC optimize("O3")
+// GCC 12's AVX-512 headers start some intrinsics from a deliberately
+// undefined vector, which -Wmaybe-uninitialized reports at every use.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 #include <immintrin.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 #include "filters/modFilters.h"
@@ -471,46 +475,95 @@ void FilterErode(FilterContext& ctx) {
 }
 
 namespace {
-// Column sorts (low, middle, high of the rows above, at and below `c`) eight
-// columns to a step; returns the first column left for the narrower steps.
-__attribute__((target("avx2"))) std::int32_t SortColumnsAvx2(const std::uint32_t* c, std::int32_t W,
-                                                             std::uint32_t* lo, std::uint32_t* mid,
-                                                             std::uint32_t* hi) {
-    std::int32_t x = 0;
-    for (; x + 8 <= W; x += 8) {
-        const __m256i a = Load256(c - W + x), b = Load256(c + x), d = Load256(c + W + x);
-        const __m256i l1 = _mm256_min_epu8(a, b), h1 = _mm256_max_epu8(a, b);
-        const __m256i l = _mm256_min_epu8(l1, d), t = _mm256_max_epu8(l1, d);
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(lo + x), l);
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(mid + x), _mm256_min_epu8(h1, t));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(hi + x), _mm256_max_epu8(h1, t));
+// The 3x3 median of one row, from the row above (a), the row itself (b) and
+// the row below (c), into out[1..W-2]; alpha comes from b. Each column of
+// three is sorted, and the median of nine is the median of (largest of the
+// column minima, median of the column medians, smallest of the column
+// maxima). Bytes are independent, so whole pixels go through per-byte
+// minima and maxima.
+#define KY_MEDIAN9(NAME, ATTR, V, MN, MX)                                                          \
+    ATTR inline V NAME(const V* a, const V* b, const V* c) {                                       \
+        V lo[3], mid[3], hi[3];                                                                    \
+        for (int j = 0; j < 3; ++j) {                                                              \
+            const V l1 = MN(a[j], b[j]), h1 = MX(a[j], b[j]);                                      \
+            lo[j] = MN(l1, c[j]);                                                                  \
+            const V t = MX(l1, c[j]);                                                              \
+            mid[j] = MN(h1, t);                                                                    \
+            hi[j] = MX(h1, t);                                                                     \
+        }                                                                                          \
+        const V top = MX(MX(lo[0], lo[1]), lo[2]);                                                 \
+        const V bottom = MN(MN(hi[0], hi[1]), hi[2]);                                              \
+        const V m = MX(MN(mid[0], mid[1]), MN(MX(mid[0], mid[1]), mid[2]));                        \
+        return MX(MN(top, m), MN(MX(top, m), bottom));                                             \
+    }
+KY_MEDIAN9(Median9x16, __attribute__((target("avx512f,avx512bw"))), __m512i, _mm512_min_epu8,
+           _mm512_max_epu8)
+KY_MEDIAN9(Median9x8, __attribute__((target("avx2"))), __m256i, _mm256_min_epu8, _mm256_max_epu8)
+KY_MEDIAN9(Median9x4, , __m128i, _mm_min_epu8, _mm_max_epu8)
+#undef KY_MEDIAN9
+
+std::uint32_t Median9Scalar(const std::uint32_t* a, const std::uint32_t* b, const std::uint32_t* c,
+                            std::int32_t x) {
+    std::uint32_t out = b[x] & kAlpha;
+    for (int k = 0; k < 24; k += 8) {
+        std::uint32_t v[9];
+        for (int j = 0; j < 3; ++j) {
+            v[j] = (a[x - 1 + j] >> k) & 0xFF;
+            v[3 + j] = (b[x - 1 + j] >> k) & 0xFF;
+            v[6 + j] = (c[x - 1 + j] >> k) & 0xFF;
+        }
+        std::nth_element(v, v + 4, v + 9);
+        out |= v[4] << k;
+    }
+    return out;
+}
+
+__attribute__((target("avx512f,avx512bw"))) std::int32_t
+MedianRow3Avx512(const std::uint32_t* a, const std::uint32_t* b, const std::uint32_t* c,
+                 std::uint32_t* out, std::int32_t W) {
+    std::int32_t x = 1;
+    for (; x + 16 <= W - 1; x += 16) {
+        const __m512i va[3] = {_mm512_loadu_si512(a + x - 1), _mm512_loadu_si512(a + x),
+                               _mm512_loadu_si512(a + x + 1)};
+        const __m512i vb[3] = {_mm512_loadu_si512(b + x - 1), _mm512_loadu_si512(b + x),
+                               _mm512_loadu_si512(b + x + 1)};
+        const __m512i vc[3] = {_mm512_loadu_si512(c + x - 1), _mm512_loadu_si512(c + x),
+                               _mm512_loadu_si512(c + x + 1)};
+        const __m512i v = Median9x16(va, vb, vc);
+        _mm512_storeu_si512(out + x, _mm512_mask_blend_epi8(0x8888888888888888ull, v, vb[1]));
     }
     return x;
 }
 
-// Medians of a row from its sorted columns, eight pixels to a step, alpha
-// from the source; returns the first x left for the narrower steps.
-__attribute__((target("avx2"))) std::int32_t MedianRowAvx2(const std::uint32_t* s, std::uint32_t* w,
-                                                           std::int32_t W, const std::uint32_t* lo,
-                                                           const std::uint32_t* mid,
-                                                           const std::uint32_t* hi) {
+__attribute__((target("avx2"))) std::int32_t
+MedianRow3Avx2(const std::uint32_t* a, const std::uint32_t* b, const std::uint32_t* c,
+               std::uint32_t* out, std::int32_t W, std::int32_t x) {
     const __m256i am = _mm256_set1_epi32(static_cast<int>(kAlpha));
-    std::int32_t x = 1;
     for (; x + 8 <= W - 1; x += 8) {
-        const __m256i mx = _mm256_max_epu8(_mm256_max_epu8(Load256(lo + x - 1), Load256(lo + x)),
-                                           Load256(lo + x + 1));
-        const __m256i mn = _mm256_min_epu8(_mm256_min_epu8(Load256(hi + x - 1), Load256(hi + x)),
-                                           Load256(hi + x + 1));
-        const __m256i a = Load256(mid + x - 1), b = Load256(mid + x), c = Load256(mid + x + 1);
-        const __m256i md =
-            _mm256_max_epu8(_mm256_min_epu8(a, b), _mm256_min_epu8(_mm256_max_epu8(a, b), c));
-        const __m256i v =
-            _mm256_max_epu8(_mm256_min_epu8(mx, md), _mm256_min_epu8(_mm256_max_epu8(mx, md), mn));
+        const __m256i va[3] = {Load256(a + x - 1), Load256(a + x), Load256(a + x + 1)};
+        const __m256i vb[3] = {Load256(b + x - 1), Load256(b + x), Load256(b + x + 1)};
+        const __m256i vc[3] = {Load256(c + x - 1), Load256(c + x), Load256(c + x + 1)};
+        const __m256i v = Median9x8(va, vb, vc);
         _mm256_storeu_si256(
-            reinterpret_cast<__m256i*>(w + x),
-            _mm256_or_si256(_mm256_and_si256(Load256(s + x), am), _mm256_andnot_si256(am, v)));
+            reinterpret_cast<__m256i*>(out + x),
+            _mm256_or_si256(_mm256_and_si256(vb[1], am), _mm256_andnot_si256(am, v)));
     }
     return x;
+}
+
+void MedianRow3(const std::uint32_t* a, const std::uint32_t* b, const std::uint32_t* c,
+                std::uint32_t* out, std::int32_t W, int nVectors) {
+    std::int32_t x = 1;
+    if (nVectors >= kVectorsAvx512) x = MedianRow3Avx512(a, b, c, out, W);
+    if (nVectors >= kVectorsAvx2) x = MedianRow3Avx2(a, b, c, out, W, x);
+    for (; x + 4 <= W - 1; x += 4) {
+        const __m128i va[3] = {Load(a + x - 1), Load(a + x), Load(a + x + 1)};
+        const __m128i vb[3] = {Load(b + x - 1), Load(b + x), Load(b + x + 1)};
+        const __m128i vc[3] = {Load(c + x - 1), Load(c + x), Load(c + x + 1)};
+        StoreKeepAlpha(out + x, b + x, Median9x4(va, vb, vc));
+    }
+    for (; x < W - 1; ++x)
+        out[x] = Median9Scalar(a, b, c, x);
 }
 } // namespace
 
@@ -520,47 +573,30 @@ void FilterDespeckle(FilterContext& ctx) {
     if (W < 3 || H < 3) return;
     const std::uint32_t* s = ctx.SourcePixels.data();
     std::uint32_t* w = ctx.WorkPixels.data();
-    // Sorted columns of the current three rows, one entry per x.
-    std::vector<std::uint32_t> lo(W + 4), mid(W + 4), hi(W + 4);
-    const bool bAvx2 = HaveAvx2();
+    const int nVectors = FilterVectorLevel();
     for (std::int32_t y = 1; y < H - 1; ++y) {
         const std::size_t row = static_cast<std::size_t>(y) * W;
-        std::int32_t x = bAvx2 ? SortColumnsAvx2(s + row, W, lo.data(), mid.data(), hi.data()) : 0;
-        for (; x + 4 <= W; x += 4) {
-            const __m128i a = Load(s + row - W + x), b = Load(s + row + x),
-                          c = Load(s + row + W + x);
-            const __m128i l1 = _mm_min_epu8(a, b), h1 = _mm_max_epu8(a, b);
-            const __m128i l = _mm_min_epu8(l1, c), t = _mm_max_epu8(l1, c);
-            const __m128i m = _mm_min_epu8(h1, t), h = _mm_max_epu8(h1, t);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(lo.data() + x), l);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(mid.data() + x), m);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(hi.data() + x), h);
-        }
-        for (; x < W; ++x) {
-            std::uint32_t L = 0, M = 0, Hh = 0;
-            for (int k = 0; k < 32; k += 8) {
-                std::uint32_t v[3] = {(s[row - W + x] >> k) & 0xFF, (s[row + x] >> k) & 0xFF,
-                                      (s[row + W + x] >> k) & 0xFF};
-                std::sort(v, v + 3);
-                L |= v[0] << k;
-                M |= v[1] << k;
-                Hh |= v[2] << k;
-            }
-            lo[x] = L;
-            mid[x] = M;
-            hi[x] = Hh;
-        }
-        x = bAvx2 ? MedianRowAvx2(s + row, w + row, W, lo.data(), mid.data(), hi.data()) : 1;
-        for (; x + 4 <= W - 1; x += 4) {
-            const __m128i mx =
-                _mm_max_epu8(_mm_max_epu8(Load(&lo[x - 1]), Load(&lo[x])), Load(&lo[x + 1]));
-            const __m128i mn =
-                _mm_min_epu8(_mm_min_epu8(Load(&hi[x - 1]), Load(&hi[x])), Load(&hi[x + 1]));
-            const __m128i md = Med3(Load(&mid[x - 1]), Load(&mid[x]), Load(&mid[x + 1]));
-            StoreKeepAlpha(w + row + x, s + row + x, Med3(mx, md, mn));
-        }
-        for (; x < W - 1; ++x)
-            w[row + x] = MedianScalar(s, row + x, W, 1);
+        MedianRow3(s + row - W, s + row, s + row + W, w + row, W, nVectors);
+    }
+}
+
+// id 61 in the pixels themselves: each row is kept as it came before it is
+// overwritten, since the next row reads it; the row below is still
+// untouched when it is read. The result equals the two-buffer form.
+void FilterDespeckleInPlace(FilterContext& ctx) {
+    const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
+    if (W < 3 || H < 3) return;
+    std::uint32_t* w = ctx.WorkPixels.data();
+    std::vector<std::uint32_t> ring(2 * static_cast<std::size_t>(W));
+    std::uint32_t* above = ring.data();
+    std::uint32_t* cur = ring.data() + W;
+    const int nVectors = FilterVectorLevel();
+    std::memcpy(above, w, static_cast<std::size_t>(W) * sizeof(std::uint32_t));
+    for (std::int32_t y = 1; y < H - 1; ++y) {
+        std::uint32_t* row = w + static_cast<std::size_t>(y) * W;
+        std::memcpy(cur, row, static_cast<std::size_t>(W) * sizeof(std::uint32_t));
+        MedianRow3(above, cur, row + W, row, W, nVectors);
+        std::swap(above, cur);
     }
 }
 

@@ -318,3 +318,49 @@ TEST(FastPaths, ContrastVectorAndPlainPathsAgree) {
             }
         }
 }
+
+namespace {
+
+// The 3x3 median the long way: sort each channel's nine values; the border
+// stays as it came.
+std::vector<std::uint32_t> MedianByHand(const std::vector<std::uint32_t>& in, int w, int h) {
+    auto out = in;
+    for (int y = 1; y < h - 1; ++y)
+        for (int x = 1; x < w - 1; ++x) {
+            std::uint32_t want = in[y * w + x] & 0xFF000000u;
+            for (int sh = 0; sh < 24; sh += 8) {
+                std::vector<std::uint32_t> v;
+                for (int dy = -1; dy <= 1; ++dy)
+                    for (int dx = -1; dx <= 1; ++dx)
+                        v.push_back((in[(y + dy) * w + x + dx] >> sh) & 0xFF);
+                std::sort(v.begin(), v.end());
+                want |= v[4] << sh;
+            }
+            out[y * w + x] = want;
+        }
+    return out;
+}
+
+} // namespace
+
+TEST(FastPaths, DespeckleVectorWidthsAndInPlaceFormMatchAPlainSort) {
+    const std::pair<int, int> sizes[] = {{3, 3},  {4, 5},  {17, 4}, {18, 3}, {19, 7}, {33, 5},
+                                         {35, 6}, {65, 9}, {1, 5},  {5, 1},  {2, 2},  {131, 4}};
+    for (const auto& [w, h] : sizes) {
+        const std::size_t n = static_cast<std::size_t>(w) * h;
+        std::vector<std::uint32_t> stripes(n);
+        for (std::size_t i = 0; i < n; ++i)
+            stripes[i] = (i % 3 ? 0xFFFFFFFFu : 0u) ^ (i % 7 ? 0x00FF00FFu : 0u);
+        for (const auto& px : {Noise(n, 23u + w * h), Extremes(n, 29u + w), stripes}) {
+            const auto want = MedianByHand(px, w, h);
+            for (int level : {kVectorsSse2, kVectorsAvx2, kVectorsAvx512}) {
+                VectorLimit limit(level);
+                EXPECT_EQ(Apply({61}, px, w, h), want) << w << "x" << h << ", vectors " << level;
+                FilterContext ctx = FilterContext::Over(px, w, h);
+                FilterDespeckleInPlace(ctx);
+                EXPECT_EQ(std::vector<std::uint32_t>(ctx.WorkPixels), want)
+                    << "in place, " << w << "x" << h << ", vectors " << level;
+            }
+        }
+    }
+}
