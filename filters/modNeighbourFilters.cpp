@@ -445,12 +445,6 @@ template <bool bMax> void Extreme3x3(FilterContext& ctx) {
     }
 }
 
-// Median of nine from three sorted columns: the median of (largest of the
-// column minima, median of the column medians, smallest of the column maxima).
-inline __m128i Med3(__m128i a, __m128i b, __m128i c) {
-    return _mm_max_epu8(_mm_min_epu8(a, b), _mm_min_epu8(_mm_max_epu8(a, b), c));
-}
-
 std::uint32_t MedianScalar(const std::uint32_t* s, std::size_t i, std::int32_t W, int r) {
     std::uint32_t out[3];
     std::int32_t v[25];
