@@ -364,3 +364,27 @@ TEST(FastPaths, DespeckleVectorWidthsAndInPlaceFormMatchAPlainSort) {
         }
     }
 }
+
+TEST(FastPaths, SharpenAndEdgeEnhanceVectorAndPlainPathsAgree) {
+    const std::pair<int, int> sizes[] = {{3, 3},  {9, 4},  {10, 3}, {11, 5},
+                                         {17, 6}, {26, 3}, {67, 7}, {2, 9}};
+    for (const auto& [w, h] : sizes) {
+        const std::size_t n = static_cast<std::size_t>(w) * h;
+        std::vector<std::uint32_t> checker(n);
+        for (std::size_t i = 0; i < n; ++i)
+            checker[i] = ((i + i / w) & 1) ? 0xFFFFFFFFu : 0xFF000000u;
+        for (const auto& px : {Noise(n, 31u * w + h), Extremes(n, 37u + w), checker}) {
+            for (int level : {kVectorsSse2, kVectorsAvx2, kVectorsAvx512}) {
+                VectorLimit limit(level);
+                for (int s : {2, 0, -5, -24, 9, 100})
+                    EXPECT_EQ(Apply({1, static_cast<double>(s)}, px, w, h),
+                              InPlaceByHand(px, w, h, s + 24, 2, s + 8))
+                        << "sharpen " << s << " on " << w << "x" << h << ", vectors " << level;
+                for (int s : {1, 0, 4, -3, -9, 50})
+                    EXPECT_EQ(Apply({6, static_cast<double>(s)}, px, w, h),
+                              InPlaceByHand(px, w, h, s + 9, 1, s + 1))
+                        << "edge enhance " << s << " on " << w << "x" << h << ", vectors " << level;
+            }
+        }
+    }
+}
