@@ -38,14 +38,46 @@ struct Pixels {
     std::vector<std::uint32_t> argb; // 0xAARRGGBB
 };
 
-inline const std::string& ScratchDir() {
-    static std::string dir = [] {
-        char tmpl[] = "/tmp/ky_codec_XXXXXX";
-        const char* d = mkdtemp(tmpl);
-        return std::string(d ? d : "/tmp");
-    }();
+// The scratch directory of the test program, made when first asked for.
+inline std::string& ScratchDirName() {
+    static std::string dir;
     return dir;
 }
+inline const std::string& ScratchDir() {
+    std::string& dir = ScratchDirName();
+    if (dir.empty()) {
+        char tmpl[] = "/tmp/ky_codec_XXXXXX";
+        const char* d = mkdtemp(tmpl);
+        dir = d ? d : "";
+        EXPECT_FALSE(dir.empty()) << "no scratch directory";
+    }
+    return dir;
+}
+
+// Removes the scratch directory and what is in it (one level: the tests
+// make no subdirectories).
+inline void RemoveScratchDir() {
+    std::string& dir = ScratchDirName();
+    if (dir.empty()) return;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                std::remove((dir + "/" + e->d_name).c_str());
+        }
+        closedir(d);
+    }
+    rmdir(dir.c_str());
+    dir.clear();
+}
+
+// Every test of the program leaves no scratch directory behind: the
+// directory goes when the test program's tests are over.
+class ScratchCleanup : public ::testing::Environment {
+  public:
+    void TearDown() override { RemoveScratchDir(); }
+};
+inline ::testing::Environment* const kScratchCleanup =
+    ::testing::AddGlobalTestEnvironment(new ScratchCleanup);
 inline std::string Scratch(const std::string& name) {
     return ScratchDir() + "/" + name;
 }

@@ -98,10 +98,47 @@ GpStatus DecodePng(const std::uint8_t* data, std::size_t size, GpImage** out);
 GpStatus DecodeGif(SharedBytes data, GpImage** out);
 GpStatus DecodeTiff(SharedBytes data, GpImage** out);
 
-// Encoders into a byte block. `params` may be null.
-GpStatus EncodePng(GpImage* image, Bytes& out);
+// Where an encoder's bytes go, in order: a file, a stream or a byte block.
+class ByteSink {
+  public:
+    virtual ~ByteSink() = default;
+    // False when the bytes could not be written; the encoder then fails.
+    virtual bool Write(const void* data, std::size_t size) = 0;
+};
+
+// A sink that appends to a byte block.
+class BytesSink final : public ByteSink {
+  public:
+    explicit BytesSink(Bytes& out) : out_(out) {}
+    bool Write(const void* data, std::size_t size) override {
+        const auto* p = static_cast<const std::uint8_t*>(data);
+        out_.insert(out_.end(), p, p + size);
+        return true;
+    }
+
+  private:
+    Bytes& out_;
+};
+
+// Encoders. `params` may be null. PNG and GIF write as they go; BMP and JPEG
+// build a byte block.
+GpStatus EncodePng(GpImage* image, ByteSink& out);
+GpStatus EncodeGif(GpImage* image, ByteSink& out);
 GpStatus EncodeBmp(GpImage* image, Bytes& out);
 GpStatus EncodeJpeg(GpImage* image, const EncoderParameters* params, Bytes& out);
+
+// Where a property item goes when an image's tags are written (see
+// ExifWriter.cpp for the ranges).
+enum class TagPlace { Ifd0, Exif, Gps, Thumbnail, Dropped };
+TagPlace PlaceOfProperty(PROPID id);
+// Tags that describe stored pixels (size, samples, compression, strips,
+// tiles, colour map, resolution, ...): the writer of the pixels sets them.
+bool IsPixelLayoutTag(PROPID id);
+// The image's property items as a little-endian TIFF structure (from the
+// byte-order mark) for an APP1 "Exif" segment: IFD0, the EXIF and GPS IFDs,
+// and IFD1 with the thumbnail when asked and present. Empty when there is
+// nothing to write.
+Bytes BuildExifBlock(const GpImage* image, bool withThumbnail);
 
 // Reads one long value of a category from encoder parameters.
 bool FindEncoderLong(const EncoderParameters* params, const GUID& category, UINT* value);

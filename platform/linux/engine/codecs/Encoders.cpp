@@ -1,7 +1,5 @@
-// Saving: the PNG and BMP encoders and the entry points that choose an
-// encoder by class id and write to a file or a stream.
-#include <png.h>
-
+// Saving: the BMP encoder and the entry points that choose an encoder by
+// class id and write to a file or a stream.
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -11,106 +9,6 @@
 #include "platform/linux/engine/codecs/TiffCodec.h"
 
 namespace kestrelyn::codecs {
-
-namespace {
-
-void PngWriteFn(png_structp png, png_bytep data, png_size_t n) {
-    auto* out = static_cast<Bytes*>(png_get_io_ptr(png));
-    out->insert(out->end(), data, data + n);
-}
-void PngFlushFn(png_structp) {}
-void PngErrorFn(png_structp png, png_const_charp) {
-    png_longjmp(png, 1);
-}
-void PngWarnFn(png_structp, png_const_charp) {}
-
-struct PngEncodeCtx {
-    png_structp png = nullptr;
-    png_infop info = nullptr;
-    std::vector<png_color> palette;
-    std::vector<png_byte> alpha;
-    std::vector<std::uint8_t> line;
-};
-
-// Kinds of PNG written for the engine's formats.
-struct PngLayout {
-    int colorType;
-    int depth;
-    PixelFormat lockFormat;
-};
-
-PngLayout LayoutFor(const GpImage* image) {
-    PixelFormat f = image->format;
-    if (IsIndexedPixelFormat(f)) return {PNG_COLOR_TYPE_PALETTE, GetPixelFormatSize(f), f};
-    if (f == PixelFormat16bppGrayScale) return {PNG_COLOR_TYPE_GRAY, 16, f};
-    if (f == PixelFormat48bppRGB) return {PNG_COLOR_TYPE_RGB, 16, f};
-    if (f == PixelFormat64bppARGB || f == PixelFormat64bpppARGB)
-        return {PNG_COLOR_TYPE_RGB_ALPHA, 16, PixelFormat64bppARGB};
-    if (IsAlphaPixelFormat(f)) return {PNG_COLOR_TYPE_RGB_ALPHA, 8, PixelFormat32bppARGB};
-    return {PNG_COLOR_TYPE_RGB, 8, PixelFormat24bppRGB};
-}
-
-bool PngEncodeCore(PngEncodeCtx& c, GpImage* image, const PngLayout& L, const BitmapData& bd,
-                   Bytes& out) {
-    if (setjmp(png_jmpbuf(c.png))) return false;
-    png_set_write_fn(c.png, &out, PngWriteFn, PngFlushFn);
-    png_set_IHDR(c.png, c.info, bd.Width, bd.Height, L.depth, L.colorType, PNG_INTERLACE_NONE,
-                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    if (L.colorType == PNG_COLOR_TYPE_PALETTE) {
-        std::size_t n = std::min<std::size_t>(image->palette.size(), std::size_t{1} << L.depth);
-        if (n == 0) n = 1;
-        c.palette.resize(n);
-        c.alpha.resize(n);
-        std::size_t lastAlpha = 0;
-        for (std::size_t i = 0; i < n; ++i) {
-            ARGB v = i < image->palette.size() ? image->palette[i] : 0xff000000u;
-            c.palette[i] = {static_cast<png_byte>(v >> 16), static_cast<png_byte>(v >> 8),
-                            static_cast<png_byte>(v)};
-            c.alpha[i] = static_cast<png_byte>(v >> 24);
-            if (c.alpha[i] != 255) lastAlpha = i + 1;
-        }
-        png_set_PLTE(c.png, c.info, c.palette.data(), static_cast<int>(n));
-        if (lastAlpha)
-            png_set_tRNS(c.png, c.info, c.alpha.data(), static_cast<int>(lastAlpha), nullptr);
-    }
-    png_set_pHYs(c.png, c.info, static_cast<png_uint_32>(image->dpiX / 0.0254 + 0.5),
-                 static_cast<png_uint_32>(image->dpiY / 0.0254 + 0.5), PNG_RESOLUTION_METER);
-    png_write_info(c.png, c.info);
-    if (L.colorType == PNG_COLOR_TYPE_RGB || L.colorType == PNG_COLOR_TYPE_RGB_ALPHA)
-        png_set_bgr(c.png);
-    if (L.depth == 16) png_set_swap(c.png);
-    for (UINT y = 0; y < bd.Height; ++y) {
-        const std::uint8_t* row =
-            static_cast<const std::uint8_t*>(bd.Scan0) + static_cast<std::ptrdiff_t>(y) * bd.Stride;
-        std::memcpy(c.line.data(), row, c.line.size());
-        png_write_row(c.png, c.line.data());
-    }
-    png_write_end(c.png, nullptr);
-    return true;
-}
-
-} // namespace
-
-GpStatus EncodePng(GpImage* image, Bytes& out) {
-    PngLayout L = LayoutFor(image);
-    GpRect rect{0, 0, image->width, image->height};
-    BitmapData bd;
-    GpStatus st = GdipBitmapLockBits(image, &rect, ImageLockModeRead, L.lockFormat, &bd);
-    if (st != OK) return st;
-    PngEncodeCtx c;
-    int channels = L.colorType == PNG_COLOR_TYPE_RGB         ? 3
-                   : L.colorType == PNG_COLOR_TYPE_RGB_ALPHA ? 4
-                                                             : 1;
-    c.line.resize(
-        (static_cast<std::size_t>(bd.Width) * static_cast<std::size_t>(L.depth * channels) + 7) /
-        8);
-    c.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, PngErrorFn, PngWarnFn);
-    if (c.png) c.info = png_create_info_struct(c.png);
-    bool ok = c.png && c.info && PngEncodeCore(c, image, L, bd, out);
-    if (c.png) png_destroy_write_struct(&c.png, &c.info);
-    GdipBitmapUnlockBits(image, &bd);
-    return ok ? OK : GenericError;
-}
 
 GpStatus EncodeBmp(GpImage* image, Bytes& out) {
     PixelFormat f = image->format;
@@ -192,8 +90,49 @@ GpStatus Deliver(const Destination& d, const Bytes& bytes) {
     return ok ? OK : Win32Error;
 }
 
+// A file written as the encoder goes, through a 1 MiB buffer.
+class FileSink final : public codecs::ByteSink {
+  public:
+    explicit FileSink(std::FILE* f) : f_(f) { std::setvbuf(f_, nullptr, _IOFBF, 1 << 20); }
+    bool Write(const void* data, std::size_t size) override {
+        return std::fwrite(data, 1, size, f_) == size;
+    }
+
+  private:
+    std::FILE* f_;
+};
+
+// Runs an encoder that writes as it goes. A file is written in place and
+// removed when the encoder fails; a stream gets the bytes only when the
+// encoder succeeded.
+template <class Encode> GpStatus EncodeTo(const Destination& d, Encode encode) {
+    if (d.stream) {
+        Bytes bytes;
+        codecs::BytesSink sink(bytes);
+        GpStatus st = encode(sink);
+        return st == OK ? Deliver(d, bytes) : st;
+    }
+    std::FILE* f = std::fopen(d.path.c_str(), "wb");
+    if (!f) return Win32Error;
+    GpStatus st;
+    {
+        FileSink sink(f);
+        try {
+            st = encode(sink);
+        } catch (...) {
+            std::fclose(f);
+            std::remove(d.path.c_str());
+            throw;
+        }
+    }
+    if (std::fclose(f) != 0 && st == OK) st = Win32Error;
+    if (st != OK) std::remove(d.path.c_str());
+    return st;
+}
+
 // Open multi-frame TIFF saves, by the image that started them.
 struct MultiFrameSave {
+    explicit MultiFrameSave(const Destination& d) : writer(d.path), destination(d) {}
     codecs::TiffWriter writer;
     Destination destination;
 };
@@ -201,6 +140,14 @@ std::mutex gSavesMutex;
 std::map<GpImage*, std::unique_ptr<MultiFrameSave>>& Saves() {
     static std::map<GpImage*, std::unique_ptr<MultiFrameSave>> m;
     return m;
+}
+
+// Completes a TIFF: a file is already in place, a stream gets the bytes.
+GpStatus FinishTiff(codecs::TiffWriter& writer, const Destination& d) {
+    Bytes bytes;
+    GpStatus st = writer.Finish(bytes);
+    if (st != OK || !d.stream) return st;
+    return Deliver(d, bytes);
 }
 
 GpStatus Save(GpImage* image, const Destination& dest, const GUID* clsid,
@@ -213,18 +160,25 @@ GpStatus Save(GpImage* image, const Destination& dest, const GUID* clsid,
             UINT flag = 0;
             if (codecs::FindEncoderLong(params, EncoderSaveFlag, &flag) &&
                 flag == EncoderValueMultiFrame) {
-                auto save = std::make_unique<MultiFrameSave>();
-                if ((st = save->writer.Add(image, params)) != OK) return st;
-                save->destination = dest;
+                auto save = std::make_unique<MultiFrameSave>(dest);
+                if ((st = save->writer.Add(image, params)) != OK) {
+                    save->writer.Abandon();
+                    return st;
+                }
                 std::lock_guard<std::mutex> lock(gSavesMutex);
                 Saves()[image] = std::move(save);
                 return OK;
             }
-            codecs::TiffWriter w;
-            if ((st = w.Add(image, params)) != OK) return st;
-            if ((st = w.Finish(bytes)) != OK) return st;
+            codecs::TiffWriter w(dest.path);
+            if ((st = w.Add(image, params)) != OK) {
+                w.Abandon();
+                return st;
+            }
+            return FinishTiff(w, dest);
         } else if (*clsid == EncoderClsidPNG) {
-            if ((st = codecs::EncodePng(image, bytes)) != OK) return st;
+            return EncodeTo(dest, [&](codecs::ByteSink& s) { return codecs::EncodePng(image, s); });
+        } else if (*clsid == EncoderClsidGIF) {
+            return EncodeTo(dest, [&](codecs::ByteSink& s) { return codecs::EncodeGif(image, s); });
         } else if (*clsid == EncoderClsidBMP) {
             if ((st = codecs::EncodeBmp(image, bytes)) != OK) return st;
         } else if (*clsid == EncoderClsidJPEG) {
@@ -254,8 +208,7 @@ void FinishPendingSave(GpImage* image) {
         Saves().erase(it);
     }
     try {
-        Bytes bytes;
-        if (save->writer.Finish(bytes) == OK) Deliver(save->destination, bytes);
+        FinishTiff(save->writer, save->destination);
     } catch (...) {
     }
 }
@@ -305,10 +258,7 @@ GpStatus GdipSaveAdd(GpImage* image, const EncoderParameters* encoderParams) {
         Saves().erase(it);
     }
     try {
-        Bytes bytes;
-        GpStatus st = save->writer.Finish(bytes);
-        if (st != OK) return st;
-        return Deliver(save->destination, bytes);
+        return FinishTiff(save->writer, save->destination);
     } catch (const std::bad_alloc&) {
         return OutOfMemory;
     }

@@ -5,6 +5,8 @@
 // 34675. The resolution comes from the JFIF density, else from EXIF. A file
 // cut short inside its scan data decodes to the rows that are there (the rest
 // grey), as viewers show such files; a file cut before its first scan fails.
+// Encoding writes the property items back as an APP1 Exif segment (see
+// ExifWriter.cpp) and the ICC profile (34675) as APP2 ICC_PROFILE segments.
 #include <cstdio>
 // jpeglib.h needs size_t and FILE declared first
 #include <jpeglib.h>
@@ -136,7 +138,11 @@ struct JpegEncodeCtx {
     unsigned long size = 0;
 };
 
-bool EncodeCore(JpegEncodeCtx& c, const BitmapData& bd, int quality, float dpiX, float dpiY) {
+// The largest TIFF block an APP1 segment holds after "Exif\0\0".
+constexpr std::size_t kMaxExif = 65533 - 6;
+
+bool EncodeCore(JpegEncodeCtx& c, const BitmapData& bd, int quality, float dpiX, float dpiY,
+                const Bytes& exif, const Bytes* icc) {
     if (setjmp(c.err.jump)) return false;
     jpeg_create_compress(&c.cinfo);
     jpeg_mem_dest(&c.cinfo, &c.buffer, &c.size);
@@ -150,6 +156,10 @@ bool EncodeCore(JpegEncodeCtx& c, const BitmapData& bd, int quality, float dpiX,
     c.cinfo.X_density = static_cast<UINT16>(dpiX + 0.5f);
     c.cinfo.Y_density = static_cast<UINT16>(dpiY + 0.5f);
     jpeg_start_compress(&c.cinfo, TRUE);
+    if (!exif.empty())
+        jpeg_write_marker(&c.cinfo, JPEG_APP0 + 1, exif.data(), static_cast<unsigned>(exif.size()));
+    if (icc && !icc->empty())
+        jpeg_write_icc_profile(&c.cinfo, icc->data(), static_cast<unsigned>(icc->size()));
     while (c.cinfo.next_scanline < c.cinfo.image_height) {
         JSAMPROW r = static_cast<std::uint8_t*>(bd.Scan0) +
                      static_cast<std::ptrdiff_t>(c.cinfo.next_scanline) * bd.Stride;
@@ -186,11 +196,28 @@ GpStatus EncodeJpeg(GpImage* image, const EncoderParameters* params, Bytes& out)
     BitmapData bd;
     GpStatus st = GdipBitmapLockBits(image, &rect, ImageLockModeRead, PixelFormat24bppRGB, &bd);
     if (st != OK) return st;
+    // Tags go back as an APP1 Exif segment (without the thumbnail when the
+    // segment would be too long; none when even that is), the ICC profile as
+    // APP2 ICC_PROFILE segments.
+    Bytes exif;
+    for (bool thumb : {true, false}) {
+        Bytes block = BuildExifBlock(image, thumb);
+        if (block.size() <= kMaxExif) {
+            if (!block.empty()) {
+                exif.assign({'E', 'x', 'i', 'f', 0, 0});
+                exif.insert(exif.end(), block.begin(), block.end());
+            }
+            break;
+        }
+    }
+    const Bytes* icc = nullptr;
+    for (const engine::PropertyRecord& p : image->properties)
+        if (p.id == 34675) icc = &p.value;
     JpegEncodeCtx c;
     c.cinfo.err = jpeg_std_error(&c.err.mgr);
     c.err.mgr.error_exit = ErrorExit;
     c.err.mgr.output_message = OutputMessage;
-    bool ok = EncodeCore(c, bd, static_cast<int>(q), image->dpiX, image->dpiY);
+    bool ok = EncodeCore(c, bd, static_cast<int>(q), image->dpiX, image->dpiY, exif, icc);
     GdipBitmapUnlockBits(image, &bd);
     jpeg_destroy_compress(&c.cinfo);
     if (ok) out.assign(c.buffer, c.buffer + c.size);

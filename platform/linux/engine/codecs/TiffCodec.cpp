@@ -20,10 +20,12 @@
 // (deeper images fall back to LZW); None. Indexed images keep their palette,
 // 48/64-bit images their 16-bit samples. ColorDepth 1/4/8/24/32/48/64 converts
 // through the engine first. A multi-frame save (SaveFlag MultiFrame) stays
-// open for GdipSaveAddImage until GdipSaveAdd with Flush.
+// open for GdipSaveAddImage until GdipSaveAdd with Flush. Property items are
+// written back as tags (WriteProperties).
 #include <tiffio.h>
 
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 
 #include "platform/linux/engine/codecs/CodecCommon.h"
@@ -95,6 +97,17 @@ TIFF* OpenMem(MemFile* m, const char* mode) {
     TIFFOpenOptionsSetMaxSingleMemAlloc(opts, static_cast<tmsize_t>(kMaxPixelBytes));
     TIFF* t = TIFFClientOpenExt("memory", mode, m, MemRead, MemWrite, MemSeek, MemClose, MemSize,
                                 MemMap, MemUnmap, opts);
+    TIFFOpenOptionsFree(opts);
+    return t;
+}
+
+// A file written in place by libtiff.
+TIFF* OpenPath(const std::string& path) {
+    TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
+    if (!opts) return nullptr;
+    TIFFOpenOptionsSetErrorHandlerExtR(opts, Quiet, nullptr);
+    TIFFOpenOptionsSetWarningHandlerExtR(opts, Quiet, nullptr);
+    TIFF* t = TIFFOpenExt(path.c_str(), "w", opts);
     TIFFOpenOptionsFree(opts);
     return t;
 }
@@ -427,6 +440,83 @@ bool IsGreyRamp(const std::vector<ARGB>& p) {
     return true;
 }
 
+// The property items of IFD0's range go back as tags of the page, by their
+// type: known tags as libtiff defines them, others registered as custom tags
+// of the item's type. Left out: the tags libtiff writes from the pixels
+// (size, samples, compression, strips, resolution, colour map, ...), items
+// whose type does not fit a known tag's, rational arrays of unknown tags, and
+// the EXIF and GPS items (libtiff writes no EXIF or GPS IFD here). The ICC
+// profile (34675) is written as its tag.
+void WriteProperties(TIFF* tif, const GpImage* image) {
+    for (const engine::PropertyRecord& p : image->properties) {
+        if (p.value.empty() || p.id > 0xffff) continue;
+        const auto tag = static_cast<ttag_t>(p.id);
+        if (p.id == 34675) {
+            TIFFSetField(tif, TIFFTAG_ICCPROFILE, static_cast<std::uint32_t>(p.value.size()),
+                         p.value.data());
+            continue;
+        }
+        if (PlaceOfProperty(p.id) != TagPlace::Ifd0 || IsPixelLayoutTag(p.id)) continue;
+        const int unit = p.type == 2 || p.type == 1 || p.type == 6 || p.type == 7 ? 1
+                         : p.type == 3 || p.type == 8                             ? 2
+                         : p.type == 4 || p.type == 9                             ? 4
+                         : p.type == 5 || p.type == 10                            ? 8
+                                                                                  : 0;
+        if (unit == 0 || p.value.size() % static_cast<std::size_t>(unit) != 0) continue;
+        const auto count =
+            static_cast<std::uint32_t>(p.value.size() / static_cast<std::size_t>(unit));
+        const TIFFField* field = TIFFFindField(tif, tag, TIFF_ANY);
+        if (!field) {
+            if (p.type == 5 || p.type == 10) continue;
+            static const char* const kName = "Kestrelyn property";
+            TIFFFieldInfo info{tag,
+                               TIFF_VARIABLE2,
+                               TIFF_VARIABLE2,
+                               static_cast<TIFFDataType>(p.type),
+                               FIELD_CUSTOM,
+                               1,
+                               1,
+                               const_cast<char*>(kName)};
+            if (p.type == 2)
+                info.field_readcount = info.field_writecount = TIFF_VARIABLE,
+                info.field_passcount = 0;
+            if (TIFFMergeFieldInfo(tif, &info, 1) != 0) continue;
+            field = TIFFFindField(tif, tag, TIFF_ANY);
+            if (!field) continue;
+        }
+        if (static_cast<int>(TIFFFieldDataType(field)) != p.type) continue;
+        if (p.type == 2) {
+            std::string text(p.value.begin(), p.value.end());
+            text.resize(std::strlen(text.c_str()));
+            TIFFSetField(tif, tag, text.c_str());
+        } else if (TIFFFieldPassCount(field)) {
+            if (p.type == 5 || p.type == 10) continue;
+            TIFFSetField(tif, tag, count, p.value.data());
+        } else if (count == 1 && TIFFFieldReadCount(field) == 1) {
+            const std::uint8_t* v = p.value.data();
+            switch (p.type) {
+            case 1:
+            case 7:
+                TIFFSetField(tif, tag, static_cast<int>(v[0]));
+                break;
+            case 3:
+                TIFFSetField(tif, tag, static_cast<int>(Le16(v)));
+                break;
+            case 4:
+                TIFFSetField(tif, tag, Le32(v));
+                break;
+            case 5:
+                if (Le32(v + 4) != 0)
+                    TIFFSetField(tif, tag,
+                                 static_cast<double>(Le32(v)) / static_cast<double>(Le32(v + 4)));
+                break;
+            default:
+                break;
+            }
+        }
+    }
+}
+
 // Writes one image as the current directory of `tif`.
 GpStatus WritePage(TIFF* tif, GpImage* image, const EncoderParameters* params) {
     UINT compression = EncoderValueCompressionLZW;
@@ -515,10 +605,15 @@ GpStatus WritePage(TIFF* tif, GpImage* image, const EncoderParameters* params) {
         std::uint16_t kind = EXTRASAMPLE_UNASSALPHA;
         TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, &kind);
     }
-    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(tif, 0));
+    // CCITT pages are one strip, as fax writers make them: each strip would
+    // restart the two-dimensional coding from a white line.
+    const bool ccitt = comp == COMPRESSION_CCITTFAX3 || comp == COMPRESSION_CCITTFAX4 ||
+                       comp == COMPRESSION_CCITTRLE;
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, ccitt ? h : TIFFDefaultStripSize(tif, 0));
     TIFFSetField(tif, TIFFTAG_XRESOLUTION, image->dpiX);
     TIFFSetField(tif, TIFFTAG_YRESOLUTION, image->dpiY);
     TIFFSetField(tif, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
+    WriteProperties(tif, image);
     std::vector<std::uint16_t> cr, cg, cb;
     if (photo == PHOTOMETRIC_PALETTE) {
         std::size_t n = std::size_t{1} << bps;
@@ -562,12 +657,16 @@ GpStatus WritePage(TIFF* tif, GpImage* image, const EncoderParameters* params) {
 } // namespace
 
 struct TiffWriter::Impl {
+    std::string path;
     Bytes bytes;
     MemFile file;
     TIFF* tif = nullptr;
+    bool opened = false; // a file at `path` was created
 };
 
-TiffWriter::TiffWriter() : impl_(std::make_unique<Impl>()) {}
+TiffWriter::TiffWriter(std::string path) : impl_(std::make_unique<Impl>()) {
+    impl_->path = std::move(path);
+}
 TiffWriter::~TiffWriter() {
     if (impl_->tif) TIFFClose(impl_->tif);
 }
@@ -575,9 +674,16 @@ TiffWriter::~TiffWriter() {
 GpStatus TiffWriter::Add(GpImage* image, const EncoderParameters* params) {
     if (!image || !image->pixels) return InvalidParameter;
     if (!impl_->tif) {
-        impl_->file.sink = &impl_->bytes;
-        impl_->tif = OpenMem(&impl_->file, "w");
-        if (!impl_->tif) return GenericError;
+        if (impl_->opened) return WrongState;
+        if (impl_->path.empty()) {
+            impl_->file.sink = &impl_->bytes;
+            impl_->tif = OpenMem(&impl_->file, "w");
+            if (!impl_->tif) return GenericError;
+        } else {
+            impl_->tif = OpenPath(impl_->path);
+            if (!impl_->tif) return Win32Error;
+            impl_->opened = true;
+        }
     }
     try {
         return WritePage(impl_->tif, image, params);
@@ -588,10 +694,25 @@ GpStatus TiffWriter::Add(GpImage* image, const EncoderParameters* params) {
 
 GpStatus TiffWriter::Finish(Bytes& out) {
     if (!impl_->tif) return WrongState;
-    TIFFClose(impl_->tif);
+    TIFF* tif = impl_->tif;
     impl_->tif = nullptr;
+    if (!impl_->path.empty()) {
+        // Closing writes what is pending; a file that could not be completed goes.
+        bool ok = TIFFFlush(tif) != 0;
+        TIFFClose(tif);
+        if (!ok) std::remove(impl_->path.c_str());
+        return ok ? OK : Win32Error;
+    }
+    TIFFClose(tif);
     out = std::move(impl_->bytes);
     return OK;
+}
+
+void TiffWriter::Abandon() {
+    if (impl_->tif) TIFFClose(impl_->tif);
+    impl_->tif = nullptr;
+    if (impl_->opened) std::remove(impl_->path.c_str());
+    impl_->opened = false;
 }
 
 } // namespace kestrelyn::codecs

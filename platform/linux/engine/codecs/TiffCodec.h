@@ -1,6 +1,9 @@
 // The TIFF writer: pages are added one by one, the file is complete at Finish.
+// With a path, libtiff writes each page to the file as it is added (nothing
+// of the file is held in memory); without one the file is built in memory.
 #pragma once
 #include <memory>
+#include <string>
 
 #include "platform/linux/engine/codecs/CodecCommon.h"
 
@@ -8,14 +11,16 @@ namespace kestrelyn::codecs {
 
 class TiffWriter {
   public:
-    TiffWriter();
+    explicit TiffWriter(std::string path = {});
     ~TiffWriter();
     TiffWriter(const TiffWriter&) = delete;
     TiffWriter& operator=(const TiffWriter&) = delete;
     // Writes one page with the parameters' compression and colour depth.
     GpStatus Add(GpImage* image, const EncoderParameters* params);
-    // Closes the file and hands over its bytes.
+    // Closes the file; a file built in memory is handed over in `out`.
     GpStatus Finish(Bytes& out);
+    // Closes the file and removes it (a save that failed).
+    void Abandon();
 
   private:
     struct Impl;
