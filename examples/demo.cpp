@@ -165,6 +165,58 @@ void PdfDemo(Imaging& img) {
     img.CloseImage(loaded);
 }
 
+// FNV-1a over the pixels of the native image, as ARGB words.
+std::uint32_t PixelChecksum(Imaging& img) {
+    std::vector<std::int32_t> px;
+    img.GetPixelArrayARGB(px, 0, 0, img.GetWidth(), img.GetHeight());
+    std::uint32_t h = 2166136261u;
+    for (std::int32_t v : px)
+        for (int k = 0; k < 32; k += 8)
+            h = (h ^ ((static_cast<std::uint32_t>(v) >> k) & 0xFF)) * 16777619u;
+    return h;
+}
+
+// A few filters on the gradient sample with white specks: each step prints a
+// pixel and a checksum of the whole image.
+void FilterDemo(Imaging& img) {
+    std::printf("Filters on a 64x48 gradient with white specks:\n");
+    const int w = 64, h = 48;
+    const std::int32_t id = img.CreateNewImage(w, h, 32);
+    std::vector<std::int32_t> px(static_cast<std::size_t>(w) * h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            px[static_cast<std::size_t>(y) * w + x] = static_cast<std::int32_t>(
+                (x * 7 + y * 3) % 23 == 0 ? 0xFFFFFFFFu : SampleColour(x, y, w, h));
+    img.SetPixelArrayARGB(px, 0, 0, w, h);
+    auto show = [&](const char* sStep) {
+        std::printf("  %-14s border speck (23, 0) %08X, (30, 20) %08X, checksum %08X\n", sStep,
+                    img.PixelGetColor(23, 0), img.PixelGetColor(30, 20), PixelChecksum(img));
+    };
+    show("as made");
+    std::int32_t specks = 0;
+    for (std::int32_t v : px)
+        specks += static_cast<std::uint32_t>(v) == 0xFFFFFFFFu;
+    Check(img.FxDespeckle() == OK, "FxDespeckle (3x3 median)");
+    show("despeckled");
+    std::vector<std::int32_t> after;
+    img.GetPixelArrayARGB(after, 1, 1, w - 2, h - 2);
+    std::int32_t left = 0;
+    for (std::int32_t v : after)
+        left += static_cast<std::uint32_t>(v) == 0xFFFFFFFFu;
+    std::printf("  %d white specks before, %d inside the border after\n", specks, left);
+    Check(left == 0, "no white speck is left inside the border");
+    Check(img.SetContrast(40) == OK, "SetContrast(40)");
+    show("contrast +40");
+    Check(img.FxSharpen() == OK, "FxSharpen");
+    show("sharpened");
+    Check(img.FxGrayscale() == OK, "FxGrayscale");
+    show("gray");
+    const std::uint32_t c = img.PixelGetColor(30, 20);
+    Check((c & 0xFF) == ((c >> 8) & 0xFF) && (c & 0xFF) == ((c >> 16) & 0xFF),
+          "a gray pixel has equal red, green and blue");
+    img.CloseImage(id);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -216,6 +268,7 @@ int main(int argc, char** argv) {
 
     LoadDemo(img, argc, argv);
     PdfDemo(img);
+    FilterDemo(img);
 
     std::printf("Base64 of \"Kestrelyn\": %s\n", img.Encode64String("Kestrelyn").c_str());
 
