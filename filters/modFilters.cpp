@@ -147,7 +147,16 @@ bool RunsInImage(std::int32_t id) {
 // started writing: on a packed 32-bit ARGB image that form runs in the
 // image's rows, with no copy in or out.
 FilterFunction InPlaceForm(std::int32_t id) {
-    return id == 61 ? FilterDespeckleInPlace : nullptr;
+    switch (id) {
+    case 25:
+        return FilterDilateInPlace;
+    case 26:
+        return FilterErodeInPlace;
+    case 61:
+        return FilterDespeckleInPlace;
+    default:
+        return nullptr;
+    }
 }
 
 bool IsYesNoStatistic(std::int32_t id) {

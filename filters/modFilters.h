@@ -184,9 +184,12 @@ void FilterSoften(FilterContext& ctx);
 void FilterDespeckle(FilterContext& ctx);
 void FilterDespeckleMore(FilterContext& ctx);
 
-// The same result as FilterDespeckle computed in WorkPixels alone
-// (SourcePixels unused): each row is kept as it came until the next row has
-// read it. The frame runs it in an image's own rows.
+// The same results as FilterDespeckle, FilterDilate and FilterErode
+// computed in WorkPixels alone (SourcePixels unused): each row is kept as it
+// came until the next row has read it. The frame runs them in an image's own
+// rows.
 void FilterDespeckleInPlace(FilterContext& ctx);
+void FilterDilateInPlace(FilterContext& ctx);
+void FilterErodeInPlace(FilterContext& ctx);
 
 } // namespace kestrelyn

@@ -459,37 +459,92 @@ bool HaveAvx2() {
     return b;
 }
 
-template <bool bMax> void Extreme3x3(FilterContext& ctx) {
+// The 3x3 channel maximum (bMax) or minimum of one row from the rows above
+// (a), at (b) and below (c), into out[1..W-2]; alpha comes from b.
+template <bool bMax>
+__attribute__((target("avx512f,avx512bw"))) std::int32_t
+ExtremeRow3Avx512(const std::uint32_t* a, const std::uint32_t* b, const std::uint32_t* c,
+                  std::uint32_t* out, std::int32_t W) {
+    std::int32_t x = 1;
+    for (; x + 16 <= W - 1; x += 16) {
+        __m512i v[3];
+        for (int j = 0; j < 3; ++j) {
+            const __m512i p = _mm512_loadu_si512(a + x - 1 + j),
+                          q = _mm512_loadu_si512(b + x - 1 + j),
+                          r = _mm512_loadu_si512(c + x - 1 + j);
+            v[j] = bMax ? _mm512_max_epu8(_mm512_max_epu8(p, q), r)
+                        : _mm512_min_epu8(_mm512_min_epu8(p, q), r);
+        }
+        const __m512i e = bMax ? _mm512_max_epu8(_mm512_max_epu8(v[0], v[1]), v[2])
+                               : _mm512_min_epu8(_mm512_min_epu8(v[0], v[1]), v[2]);
+        _mm512_storeu_si512(
+            out + x, _mm512_mask_blend_epi8(0x8888888888888888ull, e, _mm512_loadu_si512(b + x)));
+    }
+    return x;
+}
+
+template <bool bMax>
+void ExtremeRow3(const std::uint32_t* a, const std::uint32_t* b, const std::uint32_t* c,
+                 std::uint32_t* out, std::int32_t W, int nVectors) {
+    std::int32_t x = nVectors >= kVectorsAvx512 ? ExtremeRow3Avx512<bMax>(a, b, c, out, W) : 1;
+    auto op = [](__m128i p, __m128i q) { return bMax ? _mm_max_epu8(p, q) : _mm_min_epu8(p, q); };
+    for (; x + 4 <= W - 1; x += 4) {
+        __m128i v = op(op(Load(a + x - 1), Load(a + x)), Load(a + x + 1));
+        v = op(v, op(op(Load(b + x - 1), Load(b + x)), Load(b + x + 1)));
+        v = op(v, op(op(Load(c + x - 1), Load(c + x)), Load(c + x + 1)));
+        StoreKeepAlpha(out + x, b + x, v);
+    }
+    for (; x < W - 1; ++x) {
+        std::uint32_t o[3];
+        for (int k = 0; k < 3; ++k) {
+            std::int32_t m = bMax ? 0 : 255;
+            for (int dx = -1; dx <= 1; ++dx)
+                for (const std::uint32_t* r : {a, b, c}) {
+                    const std::int32_t v = Ch(r[x + dx], 8 * k);
+                    m = bMax ? std::max(m, v) : std::min(m, v);
+                }
+            o[k] = static_cast<std::uint32_t>(m);
+        }
+        out[x] = Pack(b[x], o[2], o[1], o[0]);
+    }
+}
+
+// A 3x3 two-buffer filter row by row: row(above, at, below, out, W).
+template <typename Row> void RowsTwoBuffer(FilterContext& ctx, Row row) {
     const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
     if (W < 3 || H < 3) return;
     const std::uint32_t* s = ctx.SourcePixels.data();
     std::uint32_t* w = ctx.WorkPixels.data();
-    auto op = [](__m128i a, __m128i b) { return bMax ? _mm_max_epu8(a, b) : _mm_min_epu8(a, b); };
     for (std::int32_t y = 1; y < H - 1; ++y) {
-        const std::size_t row = static_cast<std::size_t>(y) * W;
-        std::int32_t x = 1;
-        for (; x + 4 <= W - 1; x += 4) {
-            const std::uint32_t* c = s + row + x;
-            __m128i v = op(op(Load(c - W - 1), Load(c - W)), Load(c - W + 1));
-            v = op(v, op(op(Load(c - 1), Load(c)), Load(c + 1)));
-            v = op(v, op(op(Load(c + W - 1), Load(c + W)), Load(c + W + 1)));
-            StoreKeepAlpha(w + row + x, c, v);
-        }
-        for (; x < W - 1; ++x) {
-            const std::size_t i = row + x;
-            std::uint32_t out[3];
-            for (int k = 0; k < 3; ++k) {
-                std::int32_t m = bMax ? 0 : 255;
-                for (int dy = -1; dy <= 1; ++dy)
-                    for (int dx = -1; dx <= 1; ++dx) {
-                        const std::int32_t v = Ch(s[i + dy * W + dx], 8 * k);
-                        m = bMax ? std::max(m, v) : std::min(m, v);
-                    }
-                out[k] = static_cast<std::uint32_t>(m);
-            }
-            w[i] = Pack(s[i], out[2], out[1], out[0]);
-        }
+        const std::size_t i = static_cast<std::size_t>(y) * W;
+        row(s + i - W, s + i, s + i + W, w + i, W);
     }
+}
+
+// The same in WorkPixels alone: each row is kept as it came before it is
+// overwritten, since the next row reads it; the row below is still untouched
+// when it is read. The result equals the two-buffer form.
+template <typename Row> void RowsInPlace(FilterContext& ctx, Row row) {
+    const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
+    if (W < 3 || H < 3) return;
+    std::uint32_t* w = ctx.WorkPixels.data();
+    std::vector<std::uint32_t> ring(2 * static_cast<std::size_t>(W));
+    std::uint32_t* above = ring.data();
+    std::uint32_t* cur = ring.data() + W;
+    const std::size_t rowBytes = static_cast<std::size_t>(W) * sizeof(std::uint32_t);
+    std::memcpy(above, w, rowBytes);
+    for (std::int32_t y = 1; y < H - 1; ++y) {
+        std::uint32_t* at = w + static_cast<std::size_t>(y) * W;
+        std::memcpy(cur, at, rowBytes);
+        row(above, cur, at + W, at, W);
+        std::swap(above, cur);
+    }
+}
+
+template <bool bMax> auto ExtremeRows() {
+    return [n = FilterVectorLevel()](const std::uint32_t* a, const std::uint32_t* b,
+                                     const std::uint32_t* c, std::uint32_t* out,
+                                     std::int32_t W) { ExtremeRow3<bMax>(a, b, c, out, W, n); };
 }
 
 std::uint32_t MedianScalar(const std::uint32_t* s, std::size_t i, std::int32_t W, int r) {
@@ -509,10 +564,16 @@ std::uint32_t MedianScalar(const std::uint32_t* s, std::size_t i, std::int32_t W
 } // namespace
 
 void FilterDilate(FilterContext& ctx) {
-    Extreme3x3<true>(ctx);
+    RowsTwoBuffer(ctx, ExtremeRows<true>());
 }
 void FilterErode(FilterContext& ctx) {
-    Extreme3x3<false>(ctx);
+    RowsTwoBuffer(ctx, ExtremeRows<false>());
+}
+void FilterDilateInPlace(FilterContext& ctx) {
+    RowsInPlace(ctx, ExtremeRows<true>());
+}
+void FilterErodeInPlace(FilterContext& ctx) {
+    RowsInPlace(ctx, ExtremeRows<false>());
 }
 
 namespace {
@@ -608,37 +669,20 @@ void MedianRow3(const std::uint32_t* a, const std::uint32_t* b, const std::uint3
 }
 } // namespace
 
+namespace {
+auto MedianRows() {
+    return [n = FilterVectorLevel()](const std::uint32_t* a, const std::uint32_t* b,
+                                     const std::uint32_t* c, std::uint32_t* out,
+                                     std::int32_t W) { MedianRow3(a, b, c, out, W, n); };
+}
+} // namespace
+
 // id 61: 3x3 median per channel.
 void FilterDespeckle(FilterContext& ctx) {
-    const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
-    if (W < 3 || H < 3) return;
-    const std::uint32_t* s = ctx.SourcePixels.data();
-    std::uint32_t* w = ctx.WorkPixels.data();
-    const int nVectors = FilterVectorLevel();
-    for (std::int32_t y = 1; y < H - 1; ++y) {
-        const std::size_t row = static_cast<std::size_t>(y) * W;
-        MedianRow3(s + row - W, s + row, s + row + W, w + row, W, nVectors);
-    }
+    RowsTwoBuffer(ctx, MedianRows());
 }
-
-// id 61 in the pixels themselves: each row is kept as it came before it is
-// overwritten, since the next row reads it; the row below is still
-// untouched when it is read. The result equals the two-buffer form.
 void FilterDespeckleInPlace(FilterContext& ctx) {
-    const std::int32_t W = ctx.ZoneWidth, H = ctx.ZoneHeight;
-    if (W < 3 || H < 3) return;
-    std::uint32_t* w = ctx.WorkPixels.data();
-    std::vector<std::uint32_t> ring(2 * static_cast<std::size_t>(W));
-    std::uint32_t* above = ring.data();
-    std::uint32_t* cur = ring.data() + W;
-    const int nVectors = FilterVectorLevel();
-    std::memcpy(above, w, static_cast<std::size_t>(W) * sizeof(std::uint32_t));
-    for (std::int32_t y = 1; y < H - 1; ++y) {
-        std::uint32_t* row = w + static_cast<std::size_t>(y) * W;
-        std::memcpy(cur, row, static_cast<std::size_t>(W) * sizeof(std::uint32_t));
-        MedianRow3(above, cur, row + W, row, W, nVectors);
-        std::swap(above, cur);
-    }
+    RowsInPlace(ctx, MedianRows());
 }
 
 namespace {

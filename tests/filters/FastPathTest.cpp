@@ -388,3 +388,41 @@ TEST(FastPaths, SharpenAndEdgeEnhanceVectorAndPlainPathsAgree) {
         }
     }
 }
+
+TEST(FastPaths, DilateAndErodeVectorWidthsAndInPlaceFormsMatchWindowExtremes) {
+    const std::pair<int, int> sizes[] = {{3, 3},  {4, 5},  {17, 4}, {18, 3}, {19, 7},
+                                         {33, 5}, {35, 6}, {1, 5},  {5, 1},  {131, 4}};
+    for (const auto& [w, h] : sizes) {
+        const std::size_t n = static_cast<std::size_t>(w) * h;
+        for (const auto& px : {Noise(n, 41u + w * h), Extremes(n, 43u + w)}) {
+            for (bool bMax : {true, false}) {
+                auto want = px;
+                for (int y = 1; y < h - 1; ++y)
+                    for (int x = 1; x < w - 1; ++x) {
+                        std::uint32_t out = px[y * w + x] & 0xFF000000u;
+                        for (int sh = 0; sh < 24; sh += 8) {
+                            std::uint32_t m = bMax ? 0 : 255;
+                            for (int dy = -1; dy <= 1; ++dy)
+                                for (int dx = -1; dx <= 1; ++dx) {
+                                    const std::uint32_t v =
+                                        (px[(y + dy) * w + x + dx] >> sh) & 0xFF;
+                                    m = bMax ? std::max(m, v) : std::min(m, v);
+                                }
+                            out |= m << sh;
+                        }
+                        want[y * w + x] = out;
+                    }
+                for (int level : {kVectorsSse2, kVectorsAvx2, kVectorsAvx512}) {
+                    VectorLimit limit(level);
+                    EXPECT_EQ(Apply({bMax ? 25 : 26}, px, w, h), want)
+                        << (bMax ? "dilate " : "erode ") << w << "x" << h << ", vectors " << level;
+                    FilterContext ctx = FilterContext::Over(px, w, h);
+                    (bMax ? FilterDilateInPlace : FilterErodeInPlace)(ctx);
+                    EXPECT_EQ(std::vector<std::uint32_t>(ctx.WorkPixels), want)
+                        << (bMax ? "dilate " : "erode ") << "in place, " << w << "x" << h
+                        << ", vectors " << level;
+                }
+            }
+        }
+    }
+}
