@@ -63,15 +63,15 @@ class Truncated : public ::testing::TestWithParam<const char*> {};
 TEST_P(Truncated, CutAndLyingFilesFailCleanly) {
     TempDir dir;
     ASSERT_TRUE(MakeSourcePng(dir / "src.png", 40, 30));
-    std::string spec = GetParam();
-    std::size_t space = spec.find(' ');
-    std::string file = dir / spec.substr(0, space);
-    std::string opts = space == std::string::npos ? "" : spec.substr(space + 1);
+    std::string caseText = GetParam();
+    std::size_t space = caseText.find(' ');
+    std::string file = dir / caseText.substr(0, space);
+    std::string opts = space == std::string::npos ? "" : caseText.substr(space + 1);
     std::size_t colon = file.rfind(':');
     std::string target = file;
-    if (spec.find(':') != std::string::npos) {
-        std::string prefix = spec.substr(0, spec.find(':') + 1);
-        file = dir / spec.substr(prefix.size(), space - prefix.size());
+    if (caseText.find(':') != std::string::npos) {
+        std::string prefix = caseText.substr(0, caseText.find(':') + 1);
+        file = dir / caseText.substr(prefix.size(), space - prefix.size());
         target = prefix + file;
     }
     (void)colon;
