@@ -234,5 +234,52 @@ TEST_F(SaveEngine, JpegQualityThroughByteArrays) {
     EXPECT_EQ(deflt, ReadBytes(W("q75.jpg"))) << "below 1 means 75";
 }
 
+TEST_F(SaveEngine, GifSavesIndexedColoursExactlyAndMapsColourPictures) {
+    const std::int32_t id = NewNative(48, 32, 8);
+    FillIndices(id);
+    const std::vector<std::uint8_t> ours = ImageRgb(id);
+    ASSERT_EQ(img->SaveAsGIF(W("i.gif")), OK);
+    EXPECT_EQ(PilInfo(W("i.gif")), "48 32 P");
+    EXPECT_EQ(IdentifySize(W("i.gif")), "48 32");
+    EXPECT_EQ(PilRgb(W("i.gif")), ours);
+
+    NewNative(40, 30, 24, 5);
+    ASSERT_EQ(img->SaveAsGIF(W("c.gif")), OK);
+    EXPECT_EQ(PilInfo(W("c.gif")), "40 30 P");
+    EXPECT_EQ(IdentifySize(W("c.gif")), "40 30");
+    std::vector<std::uint8_t> bytes;
+    std::int32_t n = 0;
+    ASSERT_EQ(img->SaveAsByteArray(bytes, n, "gif"), OK);
+    EXPECT_EQ(bytes, ReadBytes(W("c.gif")));
+}
+
+TEST_F(SaveEngine, JpegSaveAfterALoadKeepsCameraTagsAndProfile) {
+    const std::string src = W("cam.jpg"), icc = W("cam.icc");
+    Shell("/usr/bin/python3 -c \"import sys; from PIL import Image, ImageCms; "
+          "e=Image.Exif(); e[0x010F]='KestrelCam'; e[0x0110]='Model 7'; "
+          "e[0x8769]={0x9003:'2021:05:06 07:08:09'}; "
+          "p=ImageCms.ImageCmsProfile(ImageCms.createProfile('sRGB')).tobytes(); "
+          "open(sys.argv[2],'wb').write(p); "
+          "Image.new('RGB',(64,48),(10,200,30)).save(sys.argv[1],exif=e,icc_profile=p)\" " +
+          src + " " + icc);
+    ASSERT_TRUE(Exists(src));
+    // The engine's decoder reads the tags (the plug-in's loads bring none yet).
+    img->DisableKyimgplugCodecs(true);
+    const std::int32_t id = img->CreateImageFromFile(src);
+    ASSERT_NE(id, 0);
+    img->SetNativeImage(id);
+    ASSERT_EQ(img->SaveAsJPEG(W("out.jpg"), 80), OK);
+    const std::string tags =
+        Shell("exiftool -s -s -s -Make -Model -DateTimeOriginal " + W("out.jpg"));
+    EXPECT_EQ(tags, "KestrelCam\nModel 7\n2021:05:06 07:08:09\n");
+    int rc = 1;
+    Shell("/usr/bin/python3 -c \"import sys; from PIL import Image; "
+          "sys.exit(Image.open(sys.argv[1]).info.get('icc_profile') != "
+          "open(sys.argv[2],'rb').read())\" " +
+              W("out.jpg") + " " + icc,
+          &rc);
+    EXPECT_EQ(rc, 0) << "the ICC profile differs";
+}
+
 } // namespace
 } // namespace kestrelyn::savetest
