@@ -458,6 +458,68 @@ ContrastAvx512(std::uint32_t* p, std::size_t n, const std::int32_t T[256], std::
     }
 }
 
+// One step of the clip on eight lanes, as ClipStep16.
+__attribute__((target("avx2"))) inline void ClipStep8(__m256i& x, __m256i& y, __m256i& z) {
+    const __m256i zero = _mm256_setzero_si256(), k255 = _mm256_set1_epi32(255);
+    const __m256i neg = _mm256_cmpgt_epi32(zero, x);
+    __m256i h =
+        _mm256_and_si256(neg, _mm256_srai_epi32(_mm256_add_epi32(x, _mm256_srli_epi32(x, 31)), 1));
+    y = _mm256_add_epi32(y, h);
+    z = _mm256_add_epi32(z, h);
+    x = _mm256_max_epi32(x, zero);
+    const __m256i over = _mm256_cmpgt_epi32(x, k255);
+    h = _mm256_and_si256(over, _mm256_srai_epi32(_mm256_sub_epi32(x, k255), 1));
+    y = _mm256_add_epi32(y, h);
+    z = _mm256_add_epi32(z, h);
+    x = _mm256_min_epi32(x, k255);
+}
+
+// The clip of the marked pixels eight at a time (whole groups of eight; the
+// rest is left to the caller): the loop body runs until no lane is outside
+// 0..255, lanes already inside being fixed points of it (see ContrastAvx512).
+__attribute__((target("avx2"))) std::size_t
+ClipMarkedAvx2(std::uint32_t* q, const std::uint32_t* was, const std::uint32_t* where,
+               std::size_t nMarked, const std::int32_t T[256]) {
+    const __m256i zero = _mm256_setzero_si256(), k255 = _mm256_set1_epi32(255),
+                  k254 = _mm256_set1_epi32(254), notByte = _mm256_set1_epi32(~0xFF),
+                  m8 = _mm256_set1_epi32(0xFF);
+    std::size_t k = 0;
+    for (; k + 8 <= nMarked; k += 8) {
+        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(was + k));
+        __m256i r = _mm256_i32gather_epi32(T, _mm256_and_si256(_mm256_srli_epi32(v, 16), m8), 4);
+        __m256i g = _mm256_i32gather_epi32(T, _mm256_and_si256(_mm256_srli_epi32(v, 8), m8), 4);
+        __m256i b = _mm256_i32gather_epi32(T, _mm256_and_si256(v, m8), 4);
+        while (!_mm256_testz_si256(_mm256_or_si256(_mm256_or_si256(r, g), b), notByte)) {
+            // 1. all at or below 0: all 0.
+            const __m256i keep = _mm256_or_si256(
+                _mm256_or_si256(_mm256_cmpgt_epi32(r, zero), _mm256_cmpgt_epi32(g, zero)),
+                _mm256_cmpgt_epi32(b, zero));
+            r = _mm256_and_si256(r, keep);
+            g = _mm256_and_si256(g, keep);
+            b = _mm256_and_si256(b, keep);
+            // 2. all at or above 255: all 255.
+            const __m256i high = _mm256_and_si256(
+                _mm256_and_si256(_mm256_cmpgt_epi32(r, k254), _mm256_cmpgt_epi32(g, k254)),
+                _mm256_cmpgt_epi32(b, k254));
+            r = _mm256_blendv_epi8(r, k255, high);
+            g = _mm256_blendv_epi8(g, k255, high);
+            b = _mm256_blendv_epi8(b, k255, high);
+            ClipStep8(r, g, b);
+            ClipStep8(g, r, b);
+            ClipStep8(b, g, r);
+        }
+        alignas(32) std::uint32_t out[8];
+        _mm256_store_si256(
+            reinterpret_cast<__m256i*>(out),
+            _mm256_or_si256(_mm256_and_si256(v, _mm256_set1_epi32(static_cast<int>(0xFF000000u))),
+                            _mm256_or_si256(_mm256_slli_epi32(r, 16),
+                                            _mm256_or_si256(_mm256_slli_epi32(g, 8), b))));
+        for (int j = 0; j < 8; ++j)
+            q[where[k + j]] = out[j];
+    }
+    return k;
+}
+
 } // namespace
 
 // id 17: a signed table around the zone's mean gray, then the balancing clip.
@@ -508,6 +570,7 @@ void FilterContrast(FilterContext& ctx) {
     }
     constexpr std::size_t kBlock = 2048;
     std::uint32_t where[kBlock], was[kBlock];
+    const bool bAvx2 = FilterVectorLevel() >= kVectorsAvx2;
     for (std::size_t start = 0; start < n; start += kBlock) {
         const std::size_t end = std::min(n, start + kBlock);
         std::size_t nMarked = 0;
@@ -519,7 +582,8 @@ void FilterContrast(FilterContext& ctx) {
             was[nMarked] = v;
             nMarked += t >> 31;
         }
-        for (std::size_t k = 0; k < nMarked; ++k) {
+        std::size_t k = bAvx2 ? ClipMarkedAvx2(p + start, was, where, nMarked, T) : 0;
+        for (; k < nMarked; ++k) {
             const std::uint32_t v = was[k];
             p[start + where[k]] = (v & 0xFF000000u) | BalanceClip(T[R_(v)], T[G_(v)], T[B_(v)]);
         }

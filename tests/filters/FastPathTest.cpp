@@ -299,6 +299,10 @@ TEST(FastPaths, ContrastMatchesTheFormulaOnEveryColour) {
         for (std::size_t i = 0; i < px.size(); ++i)
             bad += got[i] != want[i];
         EXPECT_EQ(bad, 0u) << "contrast " << c.pct << " with " << c.nPadRows << " padding rows";
+        if (c.pct == 100) {
+            VectorLimit avx2(kVectorsAvx2);
+            EXPECT_EQ(Apply({17, 100.0}, px, 4096, h), want) << "AVX2 clip";
+        }
     }
 }
 
