@@ -151,13 +151,19 @@ void InPlace8Serial(FilterContext& ctx, std::int32_t k, std::int32_t d, std::int
                     static_cast<std::uint16_t>(Ch(c, sh) * k - mul * sum + bias);
             }
         }
-        std::uint32_t ub = 255 - Ch(cur[0], 0), ug = 255 - Ch(cur[0], 8), ur = 255 - Ch(cur[0], 16);
+        // Pointer-wide so that mul * u is the scaled index of the read itself;
+        // the empty asm keeps the compiler from moving the addition of the
+        // row's part onto the chain.
+        std::size_t ub = 255 - Ch(cur[0], 0), ug = 255 - Ch(cur[0], 8), ur = 255 - Ch(cur[0], 16);
         const std::uint16_t* q = P.data();
         for (x = 1; x < W - 1; ++x) {
-            ub = (T + q[4 * x])[mul * ub];
-            ug = (T + q[4 * x + 1])[mul * ug];
-            ur = (T + q[4 * x + 2])[mul * ur];
-            cur[x] = (cur[x] & kAlpha) | (((ur << 16) | (ug << 8) | ub) ^ 0x00FFFFFFu);
+            const std::uint8_t *tb = T + q[4 * x], *tg = T + q[4 * x + 1], *tr = T + q[4 * x + 2];
+            asm("" : "+r"(tb), "+r"(tg), "+r"(tr));
+            ub = tb[mul * ub];
+            ug = tg[mul * ug];
+            ur = tr[mul * ur];
+            cur[x] = (cur[x] & kAlpha) |
+                     (static_cast<std::uint32_t>((ur << 16) | (ug << 8) | ub) ^ 0x00FFFFFFu);
         }
     }
 }
