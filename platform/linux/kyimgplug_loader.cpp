@@ -70,7 +70,10 @@ void EnsureLoaded(LoaderState& s) {
     for (const auto& dir : folders) {
         std::string candidate = dir + "/" + kLibraryName;
         if (!IsFile(candidate)) continue;
-        void* h = dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
+        // Plug-ins stay mapped once loaded: their libraries (the OpenMP
+        // runtime of the raw-camera decoder among them) keep process-wide
+        // state that must not vanish under a later reload.
+        void* h = dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
         if (!h) continue;
         // The version export is the presence test.
         if (!dlsym(h, "KYIMGPLUG_GetVersion")) {

@@ -189,13 +189,13 @@ std::string GetLibraryFileVersion(const std::string& sLibraryName) {
                 const std::string path =
                     name.find('/') != std::string::npos ? name : dir + "/" + name;
                 if (!IsFile(path)) continue;
-                handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+                handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
                 if (handle) break;
             }
             if (handle) break;
         }
         for (std::size_t i = 0; !handle && i < names.size(); ++i)
-            handle = dlopen(names[i].c_str(), RTLD_NOW | RTLD_LOCAL);
+            handle = dlopen(names[i].c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
         if (!handle) return "Unknown";
 
         std::string stem = Trim(sLibraryName);
