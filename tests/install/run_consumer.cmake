@@ -9,7 +9,8 @@ if(NOT rc EQUAL 0)
   message(FATAL_ERROR "install failed: ${rc}")
 endif()
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${KY_SOURCE_DIR}/tests/install/consumer -B ${cbuild}
-                        -DCMAKE_PREFIX_PATH=${prefix} RESULT_VARIABLE rc)
+                        -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${KY_CXX_COMPILER}
+                        "-DCMAKE_CXX_FLAGS=${KY_CONSUMER_FLAGS}" RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "consumer configure failed: ${rc}")
 endif()
