@@ -91,6 +91,10 @@ inline std::uint32_t Be32(const std::uint8_t* p) {
 
 // Decoders over a byte block. Single images keep nothing of the block; the
 // multi-frame decoders (TIFF, GIF) share it with their frame source.
+// Converts pixels described by an embedded ICC profile to sRGB (colour-managed
+// loads); images without a usable profile are left as decoded.
+GpStatus ApplyEmbeddedProfile(GpImage& image);
+
 GpStatus DecodeBmp(const Bytes& data, GpImage** out);
 GpStatus DecodeIco(const Bytes& data, GpImage** out);
 GpStatus DecodeJpeg(const Bytes& data, GpImage** out);

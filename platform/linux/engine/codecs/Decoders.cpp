@@ -130,16 +130,27 @@ GpStatus CodecsList(UINT mask, UINT num, UINT size, ImageCodecInfo* out) {
     return OK;
 }
 
+GpStatus ManageColours(GpStatus loaded, GpImage** image) {
+    if (loaded != OK || !image || !*image) return loaded;
+    try {
+        return codecs::ApplyEmbeddedProfile(**image);
+    } catch (const std::bad_alloc&) {
+        GdipDisposeImage(*image);
+        *image = nullptr;
+        return OutOfMemory;
+    }
+}
+
 } // namespace
 
 GpStatus GdipCreateBitmapFromFile(const std::string& filename, GpBitmap** bitmap) {
     return LoadFile(filename, bitmap);
 }
 
-// Colour management of embedded profiles is not applied by the decoders: the
-// profile travels as property 34675 and the ICM load decodes the same pixels.
+// A colour-managed load converts the pixels of an image with an embedded
+// profile to sRGB; the profile itself stays with the image as property 34675.
 GpStatus GdipCreateBitmapFromFileICM(const std::string& filename, GpBitmap** bitmap) {
-    return LoadFile(filename, bitmap);
+    return ManageColours(LoadFile(filename, bitmap), bitmap);
 }
 
 GpStatus GdipLoadImageFromFile(const std::string& filename, GpImage** image) {
@@ -151,7 +162,7 @@ GpStatus GdipLoadImageFromStream(StreamPtr stream, GpImage** image) {
 }
 
 GpStatus GdipLoadImageFromStreamICM(StreamPtr stream, GpImage** image) {
-    return LoadStream(stream, image);
+    return ManageColours(LoadStream(stream, image), image);
 }
 
 GpStatus GdipCreateBitmapFromStream(StreamPtr stream, GpBitmap** bitmap) {
