@@ -394,6 +394,12 @@ BitmapPtr ReadTiffDirectory(TIFF* t, int flags) {
     if (w == 0 || h == 0 || w > 65535 || h > 65535) return nullptr;
     bool scanlines = !TIFFIsTiled(t) && planar == PLANARCONFIG_CONTIG && comp != COMPRESSION_OJPEG;
     bool cmykKeep = (flags & 1) && photo == PHOTOMETRIC_SEPARATED && spp == 4 && bps == 8;
+    // Plain 8-bit RGB, top row first: read straight into the rows.
+    std::uint16_t orientation = ORIENTATION_TOPLEFT, extraCount = 0, *extraKinds = nullptr;
+    TIFFGetFieldDefaulted(t, TIFFTAG_ORIENTATION, &orientation);
+    TIFFGetField(t, TIFFTAG_EXTRASAMPLES, &extraCount, &extraKinds);
+    bool rgb = photo == PHOTOMETRIC_RGB && spp == 3 && bps == 8 && fmt == SAMPLEFORMAT_UINT &&
+               extraCount == 0 && orientation == ORIENTATION_TOPLEFT;
     int type = -1, bpp = 0;
     if (scanlines) {
         if (spp == 1 && bps == 1 && (photo <= PHOTOMETRIC_MINISBLACK))
@@ -411,31 +417,42 @@ BitmapPtr ReadTiffDirectory(TIFF* t, int flags) {
             type = spp == 3 ? kRGBF : kRGBAF;
         else if (cmykKeep)
             type = kStandard, bpp = 32;
+        else if (rgb)
+            type = kStandard, bpp = 24;
     }
     BitmapPtr bm;
     if (type >= 0) {
         bm = NewBitmap(type, int(w), int(h), bpp);
         tmsize_t sl = TIFFScanlineSize(t);
         if (sl <= 0) return nullptr;
-        std::vector<std::uint8_t> line(std::size_t(sl) + 16);
-        std::size_t copy = std::min<std::size_t>(std::size_t(sl), bm->pitch);
-        for (std::uint32_t y = 0; y < h; ++y) {
-            if (TIFFReadScanline(t, line.data(), y, 0) < 0) return nullptr;
-            std::uint8_t* row = bm->row(int(y));
-            if (type == kRGB16 || type == kUInt16 || type == kRGBF || type == kRGBAF) {
-                std::memcpy(row, line.data(), copy);
-            } else if (cmykKeep) {
-                for (std::uint32_t x = 0; x < w; ++x) {
-                    row[x * 4] = line[x * 4 + 2];
-                    row[x * 4 + 1] = line[x * 4 + 1];
-                    row[x * 4 + 2] = line[x * 4];
-                    row[x * 4 + 3] = line[x * 4 + 3];
+        if (rgb) { // the scanline is 3 * w bytes, within the row's pitch
+            for (std::uint32_t y = 0; y < h; ++y) {
+                std::uint8_t* row = bm->row(int(y));
+                if (TIFFReadScanline(t, row, y, 0) < 0) return nullptr;
+                for (std::uint32_t x = 0; x < w; ++x)
+                    std::swap(row[x * 3], row[x * 3 + 2]);
+            }
+        } else {
+            std::vector<std::uint8_t> line(std::size_t(sl) + 16);
+            std::size_t copy = std::min<std::size_t>(std::size_t(sl), bm->pitch);
+            for (std::uint32_t y = 0; y < h; ++y) {
+                if (TIFFReadScanline(t, line.data(), y, 0) < 0) return nullptr;
+                std::uint8_t* row = bm->row(int(y));
+                if (type == kRGB16 || type == kUInt16 || type == kRGBF || type == kRGBAF) {
+                    std::memcpy(row, line.data(), copy);
+                } else if (cmykKeep) {
+                    for (std::uint32_t x = 0; x < w; ++x) {
+                        row[x * 4] = line[x * 4 + 2];
+                        row[x * 4 + 1] = line[x * 4 + 1];
+                        row[x * 4 + 2] = line[x * 4];
+                        row[x * 4 + 3] = line[x * 4 + 3];
+                    }
+                } else {
+                    std::memcpy(row, line.data(), copy);
+                    if (photo == PHOTOMETRIC_MINISWHITE)
+                        for (std::size_t i = 0; i < copy; ++i)
+                            row[i] = std::uint8_t(~row[i]);
                 }
-            } else {
-                std::memcpy(row, line.data(), copy);
-                if (photo == PHOTOMETRIC_MINISWHITE)
-                    for (std::size_t i = 0; i < copy; ++i)
-                        row[i] = std::uint8_t(~row[i]);
             }
         }
         bm->cmyk = cmykKeep;

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "platform/linux/engine/EngineInternal.h"
 
@@ -28,7 +29,9 @@ std::atomic<std::uintptr_t> g_nextToken{1};
 
 std::shared_ptr<engine::PixelBuffer> NewBuffer(std::size_t size) {
     auto buf = std::make_shared<engine::PixelBuffer>();
-    buf->storage.reset(new std::uint8_t[size > 0 ? size : 1]());
+    // calloc: a large block comes zeroed from the system, with no pass over it.
+    buf->storage.reset(static_cast<std::uint8_t*>(std::calloc(size > 0 ? size : 1, 1)));
+    if (!buf->storage) throw std::bad_alloc();
     buf->data = buf->storage.get();
     buf->size = size;
     buf->owned = true;

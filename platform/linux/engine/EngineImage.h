@@ -2,6 +2,7 @@
 // engine: the rest of the system sees only the flat calls of modGdiPlus.h.
 #pragma once
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -18,7 +19,10 @@ struct PixelBuffer {
     std::uint8_t* data = nullptr;
     std::size_t size = 0;
     bool owned = false;
-    std::unique_ptr<std::uint8_t[]> storage; // set when owned
+    struct FreeBlock {
+        void operator()(std::uint8_t* p) const { std::free(p); }
+    };
+    std::unique_ptr<std::uint8_t, FreeBlock> storage; // set when owned (calloc)
 };
 
 struct PropertyRecord {

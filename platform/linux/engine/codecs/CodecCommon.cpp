@@ -1,7 +1,12 @@
 // Byte sources, bitmap construction and the EXIF/TIFF IFD reader.
 #include "platform/linux/engine/codecs/CodecCommon.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -9,20 +14,36 @@
 namespace kestrelyn::codecs {
 
 GpStatus ReadFileBytes(const std::string& path, Bytes& out) {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) return FileNotFound;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return FileNotFound;
     out.clear();
-    std::uint8_t buf[65536];
-    std::size_t n;
+    bool err = false;
     try {
-        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
-            out.insert(out.end(), buf, buf + n);
+        // A regular file is read in one go into a block of its size; whatever
+        // else (or a file that grew meanwhile) continues in chunks.
+        struct stat st {};
+        std::size_t want = 65536;
+        if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0)
+            want = static_cast<std::size_t>(st.st_size) + 1;
+        std::size_t used = 0;
+        for (;;) {
+            if (used == out.size()) out.resize(used + want);
+            const ssize_t n = ::read(fd, out.data() + used, out.size() - used);
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                err = true;
+                break;
+            }
+            if (n == 0) break;
+            used += static_cast<std::size_t>(n);
+            want = 65536;
+        }
+        out.resize(used);
     } catch (...) {
-        std::fclose(f);
+        ::close(fd);
         return OutOfMemory;
     }
-    bool err = std::ferror(f) != 0;
-    std::fclose(f);
+    ::close(fd);
     return err ? Win32Error : OK;
 }
 

@@ -24,6 +24,7 @@
 // written back as tags (WriteProperties).
 #include <tiffio.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -80,8 +81,14 @@ int MemClose(thandle_t) {
 toff_t MemSize(thandle_t h) {
     return static_cast<MemFile*>(h)->Size();
 }
-int MemMap(thandle_t, void**, toff_t*) {
-    return 0;
+// A file being read is mapped onto its bytes: libtiff then takes uncompressed
+// strips from there instead of copying them out through MemRead first.
+int MemMap(thandle_t h, void** base, toff_t* size) {
+    auto* m = static_cast<MemFile*>(h);
+    if (m->sink || !m->source || m->source->empty()) return 0;
+    *base = const_cast<std::uint8_t*>(m->source->data());
+    *size = static_cast<toff_t>(m->source->size());
+    return 1;
 }
 void MemUnmap(thandle_t, void*, toff_t) {}
 
@@ -122,13 +129,16 @@ struct TiffDoc {
     }
 };
 
-// Reads the page's samples (planar contiguous) into rows of `rowBytes`.
-GpStatus ReadSamples(TIFF* tif, std::uint32_t w, std::uint32_t h, std::vector<std::uint8_t>& out,
-                     std::size_t& rowBytes) {
-    rowBytes = static_cast<std::size_t>(TIFFScanlineSize64(tif));
+// Reads the page's samples (planar contiguous) and hands each row to
+// `sink(y, samples)`. Strips go one at a time through a strip-sized buffer, so
+// the rows reach the sink while they are still in the cache; tiles are put
+// together into the whole picture first.
+template <typename Sink>
+GpStatus ReadSamples(TIFF* tif, std::uint32_t w, std::uint32_t h, Sink&& sink) {
+    const std::size_t rowBytes = static_cast<std::size_t>(TIFFScanlineSize64(tif));
     if (rowBytes == 0) return UnknownImageFormat;
-    out.assign(rowBytes * h, 0);
     if (TIFFIsTiled(tif)) {
+        std::vector<std::uint8_t> out(rowBytes * h, 0);
         std::uint32_t tw = 0, th = 0;
         TIFFGetField(tif, TIFFTAG_TILEWIDTH, &tw);
         TIFFGetField(tif, TIFFTAG_TILELENGTH, &th);
@@ -156,17 +166,33 @@ GpStatus ReadSamples(TIFF* tif, std::uint32_t w, std::uint32_t h, std::vector<st
                     }
                 }
             }
+        for (std::uint32_t y = 0; y < h; ++y)
+            sink(y, out.data() + y * rowBytes);
         return OK;
     }
     std::uint32_t rps = h;
     TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &rps);
     if (rps == 0 || rps > h) rps = h;
     std::uint32_t strips = TIFFNumberOfStrips(tif);
-    for (std::uint32_t s = 0; s < strips && static_cast<std::uint64_t>(s) * rps < h; ++s) {
-        std::uint32_t rows = std::min(rps, h - s * rps);
-        if (TIFFReadEncodedStrip(tif, s, out.data() + static_cast<std::size_t>(s) * rps * rowBytes,
-                                 static_cast<tmsize_t>(rows * rowBytes)) < 0)
-            return UnknownImageFormat;
+    std::vector<std::uint8_t> strip(static_cast<std::size_t>(rps) * rowBytes);
+    std::uint32_t y = 0;
+    for (std::uint32_t s = 0; s < strips && y < h; ++s) {
+        const std::uint32_t rows = std::min(rps, h - y);
+        const std::size_t want = static_cast<std::size_t>(rows) * rowBytes;
+        const tmsize_t got =
+            TIFFReadEncodedStrip(tif, s, strip.data(), static_cast<tmsize_t>(want));
+        if (got < 0) return UnknownImageFormat;
+        // A short strip leaves its missing rows blank.
+        if (static_cast<std::size_t>(got) < want)
+            std::memset(strip.data() + got, 0, want - static_cast<std::size_t>(got));
+        for (std::uint32_t r = 0; r < rows; ++r, ++y)
+            sink(y, strip.data() + static_cast<std::size_t>(r) * rowBytes);
+    }
+    // Rows past the last strip stay blank.
+    if (y < h) {
+        std::fill(strip.begin(), strip.begin() + static_cast<std::ptrdiff_t>(rowBytes), 0);
+        for (; y < h; ++y)
+            sink(y, strip.data());
     }
     return OK;
 }
@@ -265,12 +291,8 @@ GpStatus DecodePage(TiffDoc& doc, UINT index, GpImage** out) {
             }
         }
     } else {
-        std::vector<std::uint8_t> buf;
-        std::size_t rb = 0;
-        if ((st = ReadSamples(tif, w, h, buf, rb)) != OK) return st;
-        for (std::uint32_t y = 0; y < h; ++y) {
+        auto convert = [&](std::uint32_t y, const std::uint8_t* s) {
             std::uint8_t* d = img->Row(static_cast<INT>(y));
-            const std::uint8_t* s = buf.data() + y * rb;
             const auto* s16 = reinterpret_cast<const std::uint16_t*>(s);
             auto* d16 = reinterpret_cast<std::uint16_t*>(d);
             switch (path) {
@@ -311,6 +333,15 @@ GpStatus DecodePage(TiffDoc& doc, UINT index, GpImage** out) {
                 }
                 break;
             case Path::Rgb:
+                if (spp == 3) {
+                    for (std::uint32_t x = 0; x < w; ++x, s += 3, d += 3) {
+                        const std::uint8_t r = s[0], g = s[1], b = s[2];
+                        d[0] = b;
+                        d[1] = g;
+                        d[2] = r;
+                    }
+                    break;
+                }
                 for (std::uint32_t x = 0; x < w; ++x) {
                     const std::uint8_t* p = s + static_cast<std::size_t>(x) * spp;
                     std::uint8_t* q = d + static_cast<std::size_t>(x) * spp;
@@ -333,7 +364,8 @@ GpStatus DecodePage(TiffDoc& doc, UINT index, GpImage** out) {
             case Path::Generic:
                 break;
             }
-        }
+        };
+        if ((st = ReadSamples(tif, w, h, convert)) != OK) return st;
     }
     if (path == Path::Bilevel) {
         if ((st = SetPalette(img.get(), {0xff000000u, 0xffffffffu}, 0)) != OK) return st;
@@ -414,7 +446,7 @@ GpStatus DecodeTiff(SharedBytes data, GpImage** out) {
     *out = nullptr;
     auto doc = std::make_unique<TiffDoc>();
     doc->file.source = std::move(data);
-    doc->tif = OpenMem(&doc->file, "rm");
+    doc->tif = OpenMem(&doc->file, "r"); // mapped: see MemMap
     if (!doc->tif) return UnknownImageFormat;
     doc->pages = TIFFNumberOfDirectories(doc->tif);
     if (doc->pages == 0) return UnknownImageFormat;
