@@ -11,7 +11,9 @@ PACKAGES=(
   zlib1g-dev libjpeg62-turbo-dev libturbojpeg0-dev libpng-dev libtiff-dev libgif-dev
   liblcms2-dev libcairo2-dev libpango1.0-dev libfreetype-dev libfontconfig-dev
   libopenjp2-7-dev libopenexr-dev libjbig-dev libraw-dev
-  fonts-liberation fonts-dejavu-core
+  fonts-liberation fonts-dejavu-core libx11-dev
+  # a virtual X display for the screen-grab tests
+  xvfb x11-xserver-utils
   # independent checkers used by the tests and benchmarks
   qpdf poppler-utils libtiff-tools imagemagick python3 python3-pil python3-numpy
   python3-opencv libvips-tools img2pdf libimage-exiftool-perl liblcms2-utils

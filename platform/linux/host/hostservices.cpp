@@ -1,10 +1,12 @@
 // The host-services interface without a GUI adapter: message boxes go to
-// standard error, the clipboard lives in the process, there is no screen grab,
-// no dialog and no desktop window. An adapter (the Qt one, or a test's) can
+// standard error, the clipboard lives in the process, screen grabs go to the
+// X11 display when one can be reached, and there is no dialog and no desktop
+// window. An adapter (the Qt one, or a test's) can
 // take over for the calling thread of the process.
 #include <cstdio>
 #include <mutex>
 
+#include "platform/linux/host/x11grab.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
 
@@ -36,7 +38,7 @@ class DefaultHostServices final : public HostServices {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_hBitmap;
     }
-    HBITMAP GrabWindow(HWND) override { return 0; }
+    HBITMAP GrabWindow(HWND hWnd) override { return GrabX11Window(hWnd); }
     bool OpenFileDialog(const std::string&, std::string& sChosen) override {
         sChosen.clear();
         return false;
