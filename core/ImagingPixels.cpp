@@ -3,10 +3,9 @@
 // pictures, device contexts, the clipboard).
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
+#include "core/ImagingSave.h"
 #include "core/cImaging.h"
 #include "core/modMain.h"
 #include "platform/modGdi32.h"
@@ -21,35 +20,6 @@ GpImage* FactImage(cImaging& self, std::int32_t nImageID) {
     GpImage* img = ResolveGdiPlusImage(self.TargetImage(nImageID));
     if (!img) self.nStatus = InvalidParameter;
     return img;
-}
-
-// A rational tag value for a resolution: with d decimal places, value x 10^d
-// over 10^d.
-std::vector<std::uint8_t> ResolutionRational(float nValue) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.7g", static_cast<double>(nValue));
-    std::uint32_t decimals = 0;
-    if (const char* dot = std::strchr(text, '.')) {
-        const char* end = dot + 1;
-        while (*end >= '0' && *end <= '9')
-            ++end;
-        decimals = static_cast<std::uint32_t>(end - dot - 1);
-    }
-    double scale = std::pow(10.0, decimals);
-    double numerator = std::nearbyint(std::fabs(std::strtod(text, nullptr)) * scale);
-    while (numerator > 4294967295.0 && decimals > 0) {
-        --decimals;
-        scale /= 10;
-        numerator = std::nearbyint(std::fabs(static_cast<double>(nValue)) * scale);
-    }
-    const auto num = static_cast<std::uint32_t>(std::fmin(numerator, 4294967295.0));
-    const auto den = static_cast<std::uint32_t>(scale);
-    std::vector<std::uint8_t> bytes(8);
-    for (int i = 0; i < 4; ++i) {
-        bytes[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(num >> (8 * i));
-        bytes[static_cast<std::size_t>(4 + i)] = static_cast<std::uint8_t>(den >> (8 * i));
-    }
-    return bytes;
 }
 
 KestrelynStatus GraphicsFor(std::int32_t nImageID, GpGraphics*& g) {
@@ -187,16 +157,7 @@ KestrelynStatus cImaging::SetResolution(std::int32_t nImageID, float nX, float n
     GpImage* img = ResolveGdiPlusImage(nImageID);
     if (!img) return InvalidParameter;
     GdipImageForceValidation(img);
-    for (const auto& [id, value] : {std::pair<PROPID, float>{282, nX}, {283, nY}}) {
-        std::vector<std::uint8_t> bytes = ResolutionRational(value);
-        PropertyItem item{};
-        item.id = id;
-        item.type = PropertyTagTypeRational;
-        item.length = static_cast<std::uint32_t>(bytes.size());
-        item.value = bytes.data();
-        GdipSetPropertyItem(img, &item);
-    }
-    const KestrelynStatus status = GdipBitmapSetResolution(img, nX, nY);
+    const KestrelynStatus status = WriteImageResolution(nImageID, nX, nY);
     if (!bNoMark) MarkImageModified(nImageID);
     return status;
 }
