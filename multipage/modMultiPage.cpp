@@ -49,6 +49,36 @@ KestrelynStatus LoadPageFile(std::int32_t& nImageID, const std::string& sFilePat
     return LoadImageFile(nImageID, sFilePath, false, false, true, 0, true, true);
 }
 
+// Writes the page files, in order, as one multi-page TIFF (empty names are
+// skipped): the first page starts it, each further one is added; on a
+// failure the TIFF is removed.
+KestrelynStatus WritePageFilesAsTiff(const std::vector<std::string>& arFiles,
+                                     const std::string& sFilePath, std::int32_t nCompression) {
+    KestrelynStatus status = OK;
+    std::int32_t master = 0;
+    for (const std::string& sFile : arFiles) {
+        if (sFile.empty()) continue;
+        std::int32_t page = 0;
+        status = LoadPageFile(page, sFile);
+        if (status != OK) break;
+        if (master == 0) {
+            master = page;
+            status = BeginMultiPageTiff(master, sFilePath, nCompression);
+        } else {
+            status = AddMultiPageTiff(master, page);
+            ReleaseImage(page);
+        }
+        if (status != OK) break;
+    }
+    if (master != 0) {
+        const KestrelynStatus finished = FinishMultiPageTiff(master);
+        if (status == OK) status = finished;
+        ReleaseImage(master);
+    }
+    if (status != OK) RemoveFile(sFilePath);
+    return status;
+}
+
 KestrelynStatus PageStoreHook(std::int32_t, std::int32_t nPageImageID, const std::string& sFilePath,
                               bool bGif) {
     return StorePageByRule(nPageImageID, sFilePath, bGif);
@@ -265,29 +295,7 @@ KestrelynStatus SaveTiffPages(std::int32_t nImageID, const std::string& sFilePat
             : *std::max_element(rec->arPageDepths.begin(), rec->arPageDepths.end());
     nCompression = TiffCompressionForDepth(nCompression, deepest);
     const std::vector<std::string> files = rec->arPageFiles; // the loads reshape the table
-    std::int32_t master = 0;
-    for (const std::string& sFile : files) {
-        if (sFile.empty()) continue;
-        std::int32_t page = 0;
-        status = LoadPageFile(page, sFile);
-        if (status != OK) break;
-        if (master == 0) {
-            master = page;
-            status = BeginMultiPageTiff(master, sFilePath, nCompression);
-            if (status != OK) break;
-        } else {
-            status = AddMultiPageTiff(master, page);
-            ReleaseImage(page);
-            if (status != OK) break;
-        }
-    }
-    if (master != 0) {
-        const KestrelynStatus finished = FinishMultiPageTiff(master);
-        if (status == OK) status = finished;
-        ReleaseImage(master);
-    }
-    if (status != OK) RemoveFile(sFilePath);
-    return status;
+    return WritePageFilesAsTiff(files, sFilePath, nCompression);
 }
 
 // ---------------------------------------------------------------------------
@@ -508,26 +516,7 @@ KestrelynStatus cImaging::TiffMergeFiles(const std::vector<std::string>& sFilesP
     }
     if (status == OK) {
         const std::int32_t compression = TiffCompressionForDepth(nModeCompression, deepest);
-        std::int32_t master = 0;
-        for (const std::string& sTemp : temps) {
-            std::int32_t page = 0;
-            status = LoadPageFile(page, sTemp);
-            if (status != OK) break;
-            if (master == 0) {
-                master = page;
-                status = BeginMultiPageTiff(master, sFileDest, compression);
-            } else {
-                status = AddMultiPageTiff(master, page);
-                ReleaseImage(page);
-            }
-            if (status != OK) break;
-        }
-        if (master != 0) {
-            const KestrelynStatus finished = FinishMultiPageTiff(master);
-            if (status == OK) status = finished;
-            ReleaseImage(master);
-        }
-        if (status != OK) RemoveFile(sFileDest);
+        status = WritePageFilesAsTiff(temps, sFileDest, compression);
     }
     for (const std::string& sTemp : temps)
         RemoveFile(sTemp);
