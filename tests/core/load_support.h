@@ -1,7 +1,6 @@
 // Helpers of the loading tests: sample files made by the engine's encoders,
 // a private temporary folder, descriptor counts.
 #pragma once
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,23 +19,16 @@
 #include "core/cImaging.h"
 #include "core/modMain.h"
 #include "core/modkyimgplugFrame.h"
+#include "file_support.h"
 #include "kestrelyn/Imaging.h"
 #include "platform/modGdiPlus.h"
 #include "platform/modkyimgplug.h"
 
 namespace kestrelyn::loadtest {
 
-inline int CountEntries(const std::string& sDir) {
-    int n = 0;
-    if (DIR* d = ::opendir(sDir.c_str())) {
-        while (dirent* e = ::readdir(d)) {
-            const std::string name = e->d_name;
-            if (name != "." && name != "..") ++n;
-        }
-        ::closedir(d);
-    }
-    return n;
-}
+using coretest::CountEntries;
+using coretest::Exists;
+using coretest::ReadBytes;
 
 inline int OpenDescriptors() {
     return CountEntries("/proc/self/fd");
@@ -50,19 +42,10 @@ inline int LiveImagesNow() {
     return n;
 }
 
-inline bool Exists(const std::string& sPath) {
-    return ::access(sPath.c_str(), F_OK) == 0;
-}
-
 inline void WriteBytes(const std::string& sPath, const std::vector<std::uint8_t>& arBytes) {
     std::ofstream f(sPath, std::ios::binary | std::ios::trunc);
     f.write(reinterpret_cast<const char*>(arBytes.data()),
             static_cast<std::streamsize>(arBytes.size()));
-}
-
-inline std::vector<std::uint8_t> ReadBytes(const std::string& sPath) {
-    std::ifstream f(sPath, std::ios::binary);
-    return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(f), {});
 }
 
 // An engine bitmap filled with one colour, or a pattern when nColour is 0:

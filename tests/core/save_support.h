@@ -2,7 +2,6 @@
 // (also the registry's), images with known pixels, and the independent
 // readers (tiffinfo, PIL, ImageMagick) run as programs.
 #pragma once
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -19,10 +18,15 @@
 #include "core/ImagingSave.h"
 #include "core/cImaging.h"
 #include "core/modMain.h"
+#include "file_support.h"
 #include "kestrelyn/Imaging.h"
 #include "platform/modGdiPlus.h"
 
 namespace kestrelyn::savetest {
+
+using coretest::CountEntries;
+using coretest::Exists;
+using coretest::ReadBytes;
 
 // Output of a shell command (stderr folded in) and its exit code.
 inline std::string Shell(const std::string& sCommand, int* pExit = nullptr) {
@@ -36,27 +40,6 @@ inline std::string Shell(const std::string& sCommand, int* pExit = nullptr) {
     const int rc = ::pclose(p);
     if (pExit) *pExit = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     return out;
-}
-
-inline bool Exists(const std::string& sPath) {
-    return ::access(sPath.c_str(), F_OK) == 0;
-}
-
-inline std::vector<std::uint8_t> ReadBytes(const std::string& sPath) {
-    std::ifstream f(sPath, std::ios::binary);
-    return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(f), {});
-}
-
-inline int CountEntries(const std::string& sDir) {
-    int n = 0;
-    if (DIR* d = ::opendir(sDir.c_str())) {
-        while (dirent* e = ::readdir(d)) {
-            const std::string name = e->d_name;
-            if (name != "." && name != "..") ++n;
-        }
-        ::closedir(d);
-    }
-    return n;
 }
 
 // Number of pages tiffinfo finds, and the compression scheme of each.
