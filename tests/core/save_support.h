@@ -113,8 +113,8 @@ inline std::vector<std::uint8_t> ImageRgb(std::int32_t nImageID) {
     return rgb;
 }
 
-// Fills a registry image with a pattern that varies per pixel and per seed.
-inline void PaintPattern(std::int32_t nImageID, int nSeed) {
+// Sets every pixel of a registry image to colour(x, y), an ARGB value.
+template <typename Fn> void PaintPixels(std::int32_t nImageID, Fn&& colour) {
     GpImage* img = ResolveGdiPlusImage(nImageID);
     UINT w = 0, h = 0;
     GdipGetImageWidth(img, &w);
@@ -128,30 +128,23 @@ inline void PaintPattern(std::int32_t nImageID, int nSeed) {
         auto* row = static_cast<std::uint32_t*>(static_cast<void*>(
             static_cast<std::uint8_t*>(d.Scan0) + static_cast<std::ptrdiff_t>(y) * d.Stride));
         for (UINT x = 0; x < w; ++x)
-            row[x] = 0xFF000000u | ((x * 7 + static_cast<UINT>(nSeed) * 31) & 0xFF) << 16 |
-                     ((y * 5 + static_cast<UINT>(nSeed) * 17) & 0xFF) << 8 | ((x ^ y) & 0xFF);
+            row[x] = colour(x, y);
     }
     ASSERT_EQ(GdipBitmapUnlockBits(img, &d), OK);
 }
 
+// Fills a registry image with a pattern that varies per pixel and per seed.
+inline void PaintPattern(std::int32_t nImageID, int nSeed) {
+    PaintPixels(nImageID, [nSeed](UINT x, UINT y) {
+        return 0xFF000000u | ((x * 7 + static_cast<UINT>(nSeed) * 31) & 0xFF) << 16 |
+               ((y * 5 + static_cast<UINT>(nSeed) * 17) & 0xFF) << 8 | ((x ^ y) & 0xFF);
+    });
+}
+
 // Sets every pixel of a 1-bit image from a function of (x, y).
 template <typename Fn> void PaintBits(std::int32_t nImageID, Fn&& black) {
-    GpImage* img = ResolveGdiPlusImage(nImageID);
-    UINT w = 0, h = 0;
-    GdipGetImageWidth(img, &w);
-    GdipGetImageHeight(img, &h);
-    GpRect all{0, 0, static_cast<INT>(w), static_cast<INT>(h)};
-    BitmapData d{};
-    ASSERT_EQ(GdipBitmapLockBits(img, &all, ImageLockModeRead | ImageLockModeWrite,
-                                 PixelFormat32bppARGB, &d),
-              OK);
-    for (UINT y = 0; y < h; ++y) {
-        auto* row = static_cast<std::uint32_t*>(static_cast<void*>(
-            static_cast<std::uint8_t*>(d.Scan0) + static_cast<std::ptrdiff_t>(y) * d.Stride));
-        for (UINT x = 0; x < w; ++x)
-            row[x] = black(x, y) ? 0xFF000000u : 0xFFFFFFFFu;
-    }
-    ASSERT_EQ(GdipBitmapUnlockBits(img, &d), OK);
+    PaintPixels(nImageID,
+                [&black](UINT x, UINT y) { return black(x, y) ? 0xFF000000u : 0xFFFFFFFFu; });
 }
 
 // A fixture with its own temporary folder, which is also where the registry
