@@ -77,6 +77,49 @@ std::size_t Area(std::int32_t w, std::int32_t h) {
     return static_cast<std::size_t>(w) * static_cast<std::size_t>(h);
 }
 
+// The two-dimensional form: the array grows to the rectangle; rows are its
+// column count apart.
+KestrelynStatus Array2DCopy(cImaging& self, PixelArray2D& arPixels, std::int32_t nLeft,
+                            std::int32_t nTop, std::int32_t nWidth, std::int32_t nHeight,
+                            bool bSet) {
+    return ArrayOperation(self, nWidth, nHeight, [&] {
+        if (arPixels.nColumns < nWidth || arPixels.nRows < nHeight)
+            arPixels.Reshape(nWidth, nHeight);
+        return CopyThroughLock(self, arPixels.arData.data(), 4 * arPixels.nColumns,
+                               PixelFormat32bppARGB, nLeft, nTop, nWidth, nHeight, bSet);
+    });
+}
+
+// The ARGB value form: one value a pixel, rows of exactly the width.
+KestrelynStatus ArgbArrayCopy(cImaging& self, std::vector<std::int32_t>& arPixels,
+                              std::int32_t nLeft, std::int32_t nTop, std::int32_t nWidth,
+                              std::int32_t nHeight, bool bSet) {
+    return ArrayOperation(self, nWidth, nHeight, [&] {
+        GrowTo(arPixels, Area(nWidth, nHeight));
+        return CopyThroughLock(self, arPixels.data(), 4 * nWidth, PixelFormat32bppARGB, nLeft, nTop,
+                               nWidth, nHeight, bSet);
+    });
+}
+
+// Byte forms: rows are ComputeStride bytes apart (for 24 and 8 bits a row can
+// carry padding at its end), so the array holds stride x height bytes. The
+// 8-bit form is for 8-bit indexed images only.
+KestrelynStatus ByteArrayCopy(cImaging& self, std::vector<std::uint8_t>& arBytes,
+                              PixelFormat nFormat, std::int32_t nLeft, std::int32_t nTop,
+                              std::int32_t nWidth, std::int32_t nHeight, bool bSet) {
+    return ArrayOperation(self, nWidth, nHeight, [&]() -> KestrelynStatus {
+        if (nFormat == PixelFormat8bppIndexed) {
+            PixelFormat fmt = 0;
+            GdipGetImagePixelFormat(ResolveGdiPlusImage(self.nNativeImage), &fmt);
+            if (fmt != PixelFormat8bppIndexed) return UnsupportedPixelFormat;
+        }
+        const std::int32_t stride = ComputeStride(nWidth, PixelFormatDepth(nFormat));
+        GrowTo(arBytes, Area(stride, nHeight));
+        return CopyThroughLock(self, arBytes.data(), stride, nFormat, nLeft, nTop, nWidth, nHeight,
+                               bSet);
+    });
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -300,23 +343,13 @@ void* cImaging::GetImageBits(std::int32_t nImageID) {
 KestrelynStatus cImaging::GetPixelArray2D(PixelArray2D& arPixels, std::int32_t nSrcLeft,
                                           std::int32_t nSrcTop, std::int32_t nWidth,
                                           std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&] {
-        if (arPixels.nColumns < nWidth || arPixels.nRows < nHeight)
-            arPixels.Reshape(nWidth, nHeight);
-        return CopyThroughLock(*this, arPixels.arData.data(), 4 * arPixels.nColumns,
-                               PixelFormat32bppARGB, nSrcLeft, nSrcTop, nWidth, nHeight, false);
-    });
+    return Array2DCopy(*this, arPixels, nSrcLeft, nSrcTop, nWidth, nHeight, false);
 }
 
 KestrelynStatus cImaging::SetPixelArray(PixelArray2D& arPixels, std::int32_t nDstLeft,
                                         std::int32_t nDstTop, std::int32_t nWidth,
                                         std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&] {
-        if (arPixels.nColumns < nWidth || arPixels.nRows < nHeight)
-            arPixels.Reshape(nWidth, nHeight);
-        return CopyThroughLock(*this, arPixels.arData.data(), 4 * arPixels.nColumns,
-                               PixelFormat32bppARGB, nDstLeft, nDstTop, nWidth, nHeight, true);
-    });
+    return Array2DCopy(*this, arPixels, nDstLeft, nDstTop, nWidth, nHeight, true);
 }
 
 KestrelynStatus cImaging::GetPixelArray1D(std::vector<std::int32_t>& arPixels,
@@ -328,95 +361,55 @@ KestrelynStatus cImaging::GetPixelArray1D(std::vector<std::int32_t>& arPixels,
 KestrelynStatus cImaging::GetPixelArrayARGB(std::vector<std::int32_t>& arPixels,
                                             std::int32_t nSrcLeft, std::int32_t nSrcTop,
                                             std::int32_t nWidth, std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&] {
-        GrowTo(arPixels, Area(nWidth, nHeight));
-        return CopyThroughLock(*this, arPixels.data(), 4 * nWidth, PixelFormat32bppARGB, nSrcLeft,
-                               nSrcTop, nWidth, nHeight, false);
-    });
+    return ArgbArrayCopy(*this, arPixels, nSrcLeft, nSrcTop, nWidth, nHeight, false);
 }
 
 KestrelynStatus cImaging::SetPixelArrayARGB(std::vector<std::int32_t>& arPixels,
                                             std::int32_t nDstLeft, std::int32_t nDstTop,
                                             std::int32_t nWidth, std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&] {
-        GrowTo(arPixels, Area(nWidth, nHeight));
-        return CopyThroughLock(*this, arPixels.data(), 4 * nWidth, PixelFormat32bppARGB, nDstLeft,
-                               nDstTop, nWidth, nHeight, true);
-    });
+    return ArgbArrayCopy(*this, arPixels, nDstLeft, nDstTop, nWidth, nHeight, true);
 }
 
-// Byte forms: rows are ComputeStride bytes apart (for 24 and 8 bits a row can
-// carry padding at its end), so the array holds stride x height bytes.
 KestrelynStatus cImaging::GetPixelArrayBytesARGB(std::vector<std::uint8_t>& arBytes,
                                                  std::int32_t nSrcLeft, std::int32_t nSrcTop,
                                                  std::int32_t nWidth, std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&] {
-        const std::int32_t stride = ComputeStride(nWidth, 32);
-        GrowTo(arBytes, Area(stride, nHeight));
-        return CopyThroughLock(*this, arBytes.data(), stride, PixelFormat32bppARGB, nSrcLeft,
-                               nSrcTop, nWidth, nHeight, false);
-    });
+    return ByteArrayCopy(*this, arBytes, PixelFormat32bppARGB, nSrcLeft, nSrcTop, nWidth, nHeight,
+                         false);
 }
 
 KestrelynStatus cImaging::SetPixelArrayBytesARGB(std::vector<std::uint8_t>& arBytes,
                                                  std::int32_t nDstLeft, std::int32_t nDstTop,
                                                  std::int32_t nWidth, std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&] {
-        const std::int32_t stride = ComputeStride(nWidth, 32);
-        GrowTo(arBytes, Area(stride, nHeight));
-        return CopyThroughLock(*this, arBytes.data(), stride, PixelFormat32bppARGB, nDstLeft,
-                               nDstTop, nWidth, nHeight, true);
-    });
+    return ByteArrayCopy(*this, arBytes, PixelFormat32bppARGB, nDstLeft, nDstTop, nWidth, nHeight,
+                         true);
 }
 
 KestrelynStatus cImaging::GetPixelArrayBytesRGB(std::vector<std::uint8_t>& arBytes,
                                                 std::int32_t nSrcLeft, std::int32_t nSrcTop,
                                                 std::int32_t nWidth, std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&] {
-        const std::int32_t stride = ComputeStride(nWidth, 24);
-        GrowTo(arBytes, Area(stride, nHeight));
-        return CopyThroughLock(*this, arBytes.data(), stride, PixelFormat24bppRGB, nSrcLeft,
-                               nSrcTop, nWidth, nHeight, false);
-    });
+    return ByteArrayCopy(*this, arBytes, PixelFormat24bppRGB, nSrcLeft, nSrcTop, nWidth, nHeight,
+                         false);
 }
 
 KestrelynStatus cImaging::SetPixelArrayBytesRGB(std::vector<std::uint8_t>& arBytes,
                                                 std::int32_t nDstLeft, std::int32_t nDstTop,
                                                 std::int32_t nWidth, std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&] {
-        const std::int32_t stride = ComputeStride(nWidth, 24);
-        GrowTo(arBytes, Area(stride, nHeight));
-        return CopyThroughLock(*this, arBytes.data(), stride, PixelFormat24bppRGB, nDstLeft,
-                               nDstTop, nWidth, nHeight, true);
-    });
+    return ByteArrayCopy(*this, arBytes, PixelFormat24bppRGB, nDstLeft, nDstTop, nWidth, nHeight,
+                         true);
 }
 
 KestrelynStatus cImaging::GetPixelArray8bpp1D(std::vector<std::uint8_t>& arBytes,
                                               std::int32_t nSrcLeft, std::int32_t nSrcTop,
                                               std::int32_t nWidth, std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&]() -> KestrelynStatus {
-        PixelFormat fmt = 0;
-        GdipGetImagePixelFormat(ResolveGdiPlusImage(nNativeImage), &fmt);
-        if (fmt != PixelFormat8bppIndexed) return UnsupportedPixelFormat;
-        const std::int32_t stride = ComputeStride(nWidth, 8);
-        GrowTo(arBytes, Area(stride, nHeight));
-        return CopyThroughLock(*this, arBytes.data(), stride, PixelFormat8bppIndexed, nSrcLeft,
-                               nSrcTop, nWidth, nHeight, false);
-    });
+    return ByteArrayCopy(*this, arBytes, PixelFormat8bppIndexed, nSrcLeft, nSrcTop, nWidth, nHeight,
+                         false);
 }
 
 KestrelynStatus cImaging::SetPixelArray8bpp1D(std::vector<std::uint8_t>& arBytes,
                                               std::int32_t nDstLeft, std::int32_t nDstTop,
                                               std::int32_t nWidth, std::int32_t nHeight) {
-    return ArrayOperation(*this, nWidth, nHeight, [&]() -> KestrelynStatus {
-        PixelFormat fmt = 0;
-        GdipGetImagePixelFormat(ResolveGdiPlusImage(nNativeImage), &fmt);
-        if (fmt != PixelFormat8bppIndexed) return UnsupportedPixelFormat;
-        const std::int32_t stride = ComputeStride(nWidth, 8);
-        GrowTo(arBytes, Area(stride, nHeight));
-        return CopyThroughLock(*this, arBytes.data(), stride, PixelFormat8bppIndexed, nDstLeft,
-                               nDstTop, nWidth, nHeight, true);
-    });
+    return ByteArrayCopy(*this, arBytes, PixelFormat8bppIndexed, nDstLeft, nDstTop, nWidth, nHeight,
+                         true);
 }
 
 ARGB cImaging::PixelGetColor(std::int32_t nSrcLeft, std::int32_t nSrcTop) {
