@@ -113,6 +113,32 @@ struct Wide {
     std::uint16_t b, g, r, a;
 };
 
+// One pixel of a 16-bit channel format (RGB48, ARGB64, PARGB64) as straight
+// channels, and a straight pixel stored in such a format.
+inline Wide LoadWide(Kind k, const std::uint8_t* s) {
+    std::uint32_t b = Load16(s), g = Load16(s + 2), r = Load16(s + 4);
+    std::uint32_t a = k == Kind::RGB48 ? 65535u : Load16(s + 6);
+    if (k == Kind::PARGB64) {
+        r = Unpremul16(r, a);
+        g = Unpremul16(g, a);
+        b = Unpremul16(b, a);
+    }
+    return {static_cast<std::uint16_t>(b), static_cast<std::uint16_t>(g),
+            static_cast<std::uint16_t>(r), static_cast<std::uint16_t>(a)};
+}
+inline void StoreWide(Kind k, std::uint8_t* d, Wide w) {
+    std::uint32_t r = w.r, g = w.g, b = w.b, a = w.a;
+    if (k == Kind::PARGB64) {
+        r = Premul16(r, a);
+        g = Premul16(g, a);
+        b = Premul16(b, a);
+    }
+    Store16(d, static_cast<std::uint16_t>(b));
+    Store16(d + 2, static_cast<std::uint16_t>(g));
+    Store16(d + 4, static_cast<std::uint16_t>(r));
+    if (k != Kind::RGB48) Store16(d + 6, static_cast<std::uint16_t>(a));
+}
+
 // Palette lookup table padded to 256 entries (unset entries: opaque black).
 using Lut = std::array<ARGB, 256>;
 Lut MakeLut(const ARGB* pal, UINT count) {
@@ -265,14 +291,8 @@ void UnpackRow(Kind k, const std::uint8_t* row, INT x0, INT n, std::uint32_t* ou
         INT bpp = k == Kind::RGB48 ? 6 : 8;
         const std::uint8_t* s = row + bpp * x0;
         for (INT i = 0; i < n; ++i, s += bpp) {
-            std::uint32_t b = Load16(s), g = Load16(s + 2), r = Load16(s + 4);
-            std::uint32_t a = k == Kind::RGB48 ? 65535u : Load16(s + 6);
-            if (k == Kind::PARGB64) {
-                r = Unpremul16(r, a);
-                g = Unpremul16(g, a);
-                b = Unpremul16(b, a);
-            }
-            out[i] = (To8(a) << 24) | (To8(r) << 16) | (To8(g) << 8) | To8(b);
+            const Wide w = LoadWide(k, s);
+            out[i] = (To8(w.a) << 24) | (To8(w.r) << 16) | (To8(w.g) << 8) | To8(w.b);
         }
         break;
     }
@@ -362,18 +382,12 @@ void PackRow(Kind k, const std::uint32_t* in, INT n, std::uint8_t* row, INT x0, 
         INT bpp = k == Kind::RGB48 ? 6 : 8;
         std::uint8_t* d = row + bpp * x0;
         for (INT i = 0; i < n; ++i, d += bpp) {
-            std::uint32_t c = in[i];
-            std::uint32_t a = To16(c >> 24), r = To16((c >> 16) & 255), g = To16((c >> 8) & 255),
-                          b = To16(c & 255);
-            if (k == Kind::PARGB64) {
-                r = Premul16(r, a);
-                g = Premul16(g, a);
-                b = Premul16(b, a);
-            }
-            Store16(d, static_cast<std::uint16_t>(b));
-            Store16(d + 2, static_cast<std::uint16_t>(g));
-            Store16(d + 4, static_cast<std::uint16_t>(r));
-            if (k != Kind::RGB48) Store16(d + 6, static_cast<std::uint16_t>(a));
+            const std::uint32_t c = in[i];
+            StoreWide(k, d,
+                      {static_cast<std::uint16_t>(To16(c & 255)),
+                       static_cast<std::uint16_t>(To16((c >> 8) & 255)),
+                       static_cast<std::uint16_t>(To16((c >> 16) & 255)),
+                       static_cast<std::uint16_t>(To16(c >> 24))});
         }
         break;
     }
@@ -394,17 +408,8 @@ void UnpackWide(Kind k, const std::uint8_t* row, INT x0, INT n, Wide* out) {
     }
     INT bpp = k == Kind::RGB48 ? 6 : 8;
     const std::uint8_t* s = row + bpp * x0;
-    for (INT i = 0; i < n; ++i, s += bpp) {
-        std::uint32_t b = Load16(s), g = Load16(s + 2), r = Load16(s + 4);
-        std::uint32_t a = k == Kind::RGB48 ? 65535u : Load16(s + 6);
-        if (k == Kind::PARGB64) {
-            r = Unpremul16(r, a);
-            g = Unpremul16(g, a);
-            b = Unpremul16(b, a);
-        }
-        out[i] = {static_cast<std::uint16_t>(b), static_cast<std::uint16_t>(g),
-                  static_cast<std::uint16_t>(r), static_cast<std::uint16_t>(a)};
-    }
+    for (INT i = 0; i < n; ++i, s += bpp)
+        out[i] = LoadWide(k, s);
 }
 void PackWide(Kind k, const Wide* in, INT n, std::uint8_t* row, INT x0) {
     if (k == Kind::G16) {
@@ -415,18 +420,8 @@ void PackWide(Kind k, const Wide* in, INT n, std::uint8_t* row, INT x0) {
     }
     INT bpp = k == Kind::RGB48 ? 6 : 8;
     std::uint8_t* d = row + bpp * x0;
-    for (INT i = 0; i < n; ++i, d += bpp) {
-        std::uint32_t r = in[i].r, g = in[i].g, b = in[i].b, a = in[i].a;
-        if (k == Kind::PARGB64) {
-            r = Premul16(r, a);
-            g = Premul16(g, a);
-            b = Premul16(b, a);
-        }
-        Store16(d, static_cast<std::uint16_t>(b));
-        Store16(d + 2, static_cast<std::uint16_t>(g));
-        Store16(d + 4, static_cast<std::uint16_t>(r));
-        if (k != Kind::RGB48) Store16(d + 6, static_cast<std::uint16_t>(a));
-    }
+    for (INT i = 0; i < n; ++i, d += bpp)
+        StoreWide(k, d, in[i]);
 }
 
 // Same-format copy of a row of `n` pixels, bit-exact for the sub-byte formats.
