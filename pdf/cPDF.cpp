@@ -93,20 +93,14 @@ void cPDF::PaperSize(std::int32_t nValue) {
 
 std::string cPDF::FormatNumber(double nValue, std::int32_t nDecimals) {
     if (!std::isfinite(nValue)) return "0";
-    if (nDecimals < 0) nDecimals = 0;
-    char arBuffer[400];
-    // to_chars is locale-free and rounds the exact binary value, ties to even.
-    const auto oResult = std::to_chars(arBuffer, arBuffer + sizeof(arBuffer), nValue,
-                                       std::chars_format::fixed, static_cast<int>(nDecimals));
-    if (oResult.ec != std::errc()) return "0";
-    std::string s(arBuffer, oResult.ptr);
+    // The fixed form without trailing zeros, nor a point left at the end.
+    std::string s = FormatFixed(nValue, nDecimals);
     if (s.find('.') != std::string::npos) {
         while (!s.empty() && s.back() == '0')
             s.pop_back();
         if (!s.empty() && s.back() == '.') s.pop_back();
     }
     if (s == "-0") s = "0";
-    ReplaceAll(s, ",", ".");
     return s;
 }
 
@@ -114,6 +108,7 @@ std::string cPDF::FormatFixed(double nValue, std::int32_t nDecimals) {
     if (!std::isfinite(nValue)) nValue = 0;
     if (nDecimals < 0) nDecimals = 0;
     char arBuffer[400];
+    // to_chars is locale-free and rounds the exact binary value, ties to even.
     const auto oResult = std::to_chars(arBuffer, arBuffer + sizeof(arBuffer), nValue,
                                        std::chars_format::fixed, static_cast<int>(nDecimals));
     if (oResult.ec != std::errc()) return "0";
