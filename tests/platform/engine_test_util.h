@@ -26,31 +26,32 @@ struct Bmp {
     operator GpBitmap*() const { return p; }
 };
 
-// Reads the whole bitmap (or a rectangle) into a packed buffer in `format`
-// through a user-buffer read lock with the stride rule's stride.
-inline std::vector<std::uint8_t> ReadAs(GpBitmap* b, PixelFormat format, INT stride, GpRect r) {
-    std::vector<std::uint8_t> out(static_cast<std::size_t>(stride) * r.Height, 0);
+// A user-buffer lock of a rectangle over pBuffer, rows `stride` apart, in
+// `format`, and its unlock: mode 5 reads the bitmap into the buffer, mode 6
+// writes the buffer into the bitmap.
+inline void LockUserBuffer(GpBitmap* b, PixelFormat format, INT stride, GpRect r, void* pBuffer,
+                           UINT mode) {
     BitmapData d;
     d.Width = r.Width;
     d.Height = r.Height;
     d.Stride = stride;
     d.PixelFormat = format;
-    d.Scan0 = out.data();
-    EXPECT_EQ(GdipBitmapLockBits(b, &r, 5, format, &d), OK);
+    d.Scan0 = pBuffer;
+    EXPECT_EQ(GdipBitmapLockBits(b, &r, mode, format, &d), OK);
     EXPECT_EQ(GdipBitmapUnlockBits(b, &d), OK);
+}
+
+// Reads the whole bitmap (or a rectangle) into a packed buffer in `format`
+// through a user-buffer read lock with the stride rule's stride.
+inline std::vector<std::uint8_t> ReadAs(GpBitmap* b, PixelFormat format, INT stride, GpRect r) {
+    std::vector<std::uint8_t> out(static_cast<std::size_t>(stride) * r.Height, 0);
+    LockUserBuffer(b, format, stride, r, out.data(), 5);
     return out;
 }
 
 inline void WriteAs(GpBitmap* b, PixelFormat format, INT stride, GpRect r,
                     std::vector<std::uint8_t> data) {
-    BitmapData d;
-    d.Width = r.Width;
-    d.Height = r.Height;
-    d.Stride = stride;
-    d.PixelFormat = format;
-    d.Scan0 = data.data();
-    EXPECT_EQ(GdipBitmapLockBits(b, &r, 6, format, &d), OK);
-    EXPECT_EQ(GdipBitmapUnlockBits(b, &d), OK);
+    LockUserBuffer(b, format, stride, r, data.data(), 6);
 }
 
 inline std::vector<std::uint32_t> ArgbOf(GpBitmap* b) {
