@@ -392,6 +392,9 @@ BitmapPtr ReadTiffDirectory(TIFF* t, int flags) {
     TIFFGetFieldDefaulted(t, TIFFTAG_COMPRESSION, &comp);
     if (!TIFFGetField(t, TIFFTAG_PHOTOMETRIC, &photo)) photo = PHOTOMETRIC_MINISBLACK;
     if (w == 0 || h == 0 || w > 65535 || h > 65535) return nullptr;
+    // No image format stores more than a few channels a pixel; a file that
+    // claims hundreds would only make the library allocate for nothing.
+    if (spp == 0 || spp > 16 || bps == 0 || bps > 64) return nullptr;
     bool scanlines = !TIFFIsTiled(t) && planar == PLANARCONFIG_CONTIG && comp != COMPRESSION_OJPEG;
     bool cmykKeep = (flags & 1) && photo == PHOTOMETRIC_SEPARATED && spp == 4 && bps == 8;
     // Plain 8-bit RGB, top row first: read straight into the rows.
@@ -497,8 +500,19 @@ BitmapPtr ReadTiffDirectory(TIFF* t, int flags) {
 }
 } // namespace
 
+// Opens a TIFF for reading with a bound on any single allocation the library
+// makes, so that a small file cannot ask for gigabytes.
+static TIFF* OpenTiffForReading(const std::string& path) {
+    TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
+    if (!options) return nullptr;
+    TIFFOpenOptionsSetMaxSingleMemAlloc(options, tmsize_t{1} << 30);
+    TIFF* t = TIFFOpenExt(path.c_str(), "r", options);
+    TIFFOpenOptionsFree(options);
+    return t;
+}
+
 BitmapPtr DecodeTIFF(const std::string& path, int page, int flags) {
-    TIFF* t = TIFFOpen(path.c_str(), "r");
+    TIFF* t = OpenTiffForReading(path);
     if (!t) return nullptr;
     BitmapPtr bm;
     try {
@@ -511,7 +525,7 @@ BitmapPtr DecodeTIFF(const std::string& path, int page, int flags) {
 }
 
 int TiffPageCount(const std::string& path) {
-    TIFF* t = TIFFOpen(path.c_str(), "r");
+    TIFF* t = OpenTiffForReading(path);
     if (!t) return 0;
     int n = TIFFNumberOfDirectories(t);
     TIFFClose(t);
