@@ -3,6 +3,7 @@
 // picks the decoder; multi-page TIFF and GIF documents become multi-page
 // records here.
 #include "core/ImagingLoad.h"
+#include "platform/modStrings.h"
 
 #include <sys/stat.h>
 
@@ -27,15 +28,6 @@ namespace {
 
 // The bare status of a run-time failure inside a stream load.
 constexpr KestrelynStatus kStreamRuntimeFailure = static_cast<KestrelynStatus>(23);
-
-std::string Trim(const std::string& s) {
-    std::size_t b = 0, e = s.size();
-    while (b < e && std::isspace(static_cast<unsigned char>(s[b])))
-        ++b;
-    while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1])))
-        --e;
-    return s.substr(b, e - b);
-}
 
 bool IsRegularFile(const std::string& sPath) {
     struct stat st {};

@@ -2,6 +2,7 @@
 // save, the engine routes (BMP, GIF, PNG, JPEG, TIFF), the multi-frame TIFF
 // writer and the byte array, stream and string forms.
 #include "core/ImagingSave.h"
+#include "platform/modStrings.h"
 
 #include <algorithm>
 #include <cctype>
@@ -24,15 +25,6 @@ namespace kestrelyn {
 namespace {
 
 thread_local EncoderTable tlEncoders;
-
-std::string Trim(const std::string& s) {
-    std::size_t b = 0, e = s.size();
-    while (b < e && std::isspace(static_cast<unsigned char>(s[b])))
-        ++b;
-    while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1])))
-        --e;
-    return s.substr(b, e - b);
-}
 
 std::string Upper(std::string s) {
     for (char& c : s)

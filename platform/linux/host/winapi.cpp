@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "platform/modGdi32.h"
+#include "platform/modStrings.h"
 #include "platform/modWinapi.h"
 
 #ifndef KY_INSTALL_PLUGIN_DIR
@@ -150,15 +151,6 @@ std::vector<std::string> CandidateFileNames(const std::string& sName) {
     if (sName.find('/') != std::string::npos || sName.find(".so") != std::string::npos)
         return {sName};
     return {"lib" + sName + ".so", sName + ".so"};
-}
-
-std::string Trim(const std::string& s) {
-    std::size_t b = 0, e = s.size();
-    while (b < e && std::isspace(static_cast<unsigned char>(s[b])))
-        ++b;
-    while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1])))
-        --e;
-    return s.substr(b, e - b);
 }
 
 } // namespace
