@@ -2,6 +2,7 @@
 // that lets an edit keep resolutions and tags, the frame of an edit of the
 // native image, the option operations and the small utilities.
 #include "core/cImaging.h"
+#include "pdf/cPDF.h"
 
 #include <cmath>
 #include <cstdio>

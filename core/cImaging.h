@@ -10,10 +10,11 @@
 #include "kestrelyn/KestrelynStatus.h"
 #include "kestrelyn/PdfTypes.h"
 #include "kestrelyn/Types.h"
-#include "pdf/cPDF.h"
 #include "platform/modGdiPlus.h"
 
 namespace kestrelyn {
+
+class cPDF; // the object's PDF writer, made on first use
 
 // A tag snapshot entry: one property item of an image.
 struct cGDIPPropertyItem {
