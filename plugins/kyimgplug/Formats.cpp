@@ -846,6 +846,10 @@ BitmapPtr DecodePSD(const Bytes& d) {
                                   : mode == 4                           ? 5
                                   : mode == 1 || mode == 2 || mode == 0 ? 1
                                                                         : 4);
+    // The pixel data must be in the file: raw planes byte for byte, packed
+    // ones at the run-length coding's best ratio of 128 to 2.
+    const std::size_t need = rowBytes * std::size_t(h) * std::size_t(used);
+    if (comp == 0 ? need > r.left() : need / 64 > r.left()) throw DecodeError("short psd");
     std::vector<std::vector<std::uint8_t>> planes(std::size_t(used),
                                                   std::vector<std::uint8_t>(rowBytes * h));
     std::vector<std::uint32_t> counts;
@@ -879,6 +883,8 @@ BitmapPtr DecodePSD(const Bytes& d) {
     };
     BitmapPtr bm;
     if (mode == 0) {
+        // Bitmap mode holds one bit a pixel; any other depth would overrun the rows.
+        if (depth != 1) throw DecodeError("depth");
         bm = NewBitmap(kStandard, w, h, 1);
         SetBW(*bm);
         for (int y = 0; y < h; ++y)
