@@ -127,9 +127,7 @@ bool FindEncoderLong(const EncoderParameters* params, const GUID& category, UINT
 }
 
 // ---------------------------------------------------------------- IFD reader
-namespace {
-
-int TypeSize(std::uint16_t type) {
+int TiffTypeSize(std::uint16_t type) {
     switch (type) {
     case 1:
     case 2:
@@ -151,6 +149,8 @@ int TypeSize(std::uint16_t type) {
         return 0;
     }
 }
+
+namespace {
 
 // Thumbnail (IFD1) tags go to the engine's 0x5000 range.
 PROPID ThumbnailId(std::uint16_t tag) {
@@ -175,7 +175,7 @@ struct IfdReader {
     bool Value(std::size_t entry, std::uint16_t& type, std::vector<std::uint8_t>& out) const {
         type = U16(entry + 2);
         std::uint32_t count = U32(entry + 4);
-        int ts = TypeSize(type);
+        int ts = TiffTypeSize(type);
         if (ts == 0 || count > n) return false;
         std::size_t len = static_cast<std::size_t>(count) * static_cast<std::size_t>(ts);
         std::size_t off = entry + 8;

@@ -91,6 +91,9 @@ inline std::uint32_t Be32(const std::uint8_t* p) {
 
 // Decoders over a byte block. Single images keep nothing of the block; the
 // multi-frame decoders (TIFF, GIF) share it with their frame source.
+// Bytes of one value of a TIFF field type (1..12), 0 for an unknown type.
+int TiffTypeSize(std::uint16_t type);
+
 // Converts pixels described by an embedded ICC profile to sRGB (colour-managed
 // loads); images without a usable profile are left as decoded.
 GpStatus ApplyEmbeddedProfile(GpImage& image);

@@ -32,27 +32,6 @@ namespace kestrelyn::codecs {
 
 namespace {
 
-int TypeBytes(std::uint16_t type) {
-    switch (type) {
-    case 1:
-    case 2:
-    case 6:
-    case 7:
-        return 1;
-    case 3:
-    case 8:
-        return 2;
-    case 4:
-    case 9:
-        return 4;
-    case 5:
-    case 10:
-        return 8;
-    default:
-        return 0;
-    }
-}
-
 // IFD1's TIFF tag of an engine thumbnail id (0 if none).
 std::uint16_t ThumbnailTag(PROPID id) {
     static const std::map<PROPID, std::uint16_t> m = {
@@ -191,7 +170,7 @@ Bytes BuildExifBlock(const GpImage* image, bool withThumbnail) {
     const Bytes* thumbnail = nullptr;
     for (const engine::PropertyRecord& p : image->properties) {
         const TagPlace place = PlaceOfProperty(p.id);
-        const int size = TypeBytes(p.type);
+        const int size = TiffTypeSize(p.type);
         if (place == TagPlace::Dropped || size == 0 || p.value.empty() ||
             p.value.size() % static_cast<std::size_t>(size) != 0)
             continue;
