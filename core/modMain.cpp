@@ -2,6 +2,7 @@
 // everything an image keeps alive, replacement of an image under a stable id,
 // temporary file names and the stride and depth rules.
 #include "core/modMain.h"
+#include "platform/Files.h"
 
 #include <algorithm>
 #include <cctype>
@@ -29,14 +30,7 @@ std::mt19937& ThreadRandom() {
     return generator;
 }
 
-bool FileExists(const std::string& sPath) {
-    struct stat st {};
-    return ::stat(sPath.c_str(), &st) == 0;
-}
 
-void DeleteFileQuietly(const std::string& sPath) {
-    if (!sPath.empty()) std::remove(sPath.c_str());
-}
 
 // Walks to the first free slot or grows the table by one record.
 std::int32_t AllocateRecord() {
@@ -183,7 +177,7 @@ KestrelynStatus ReleaseImage(std::int32_t nImageID) {
             for (std::size_t i = 0; i < count; ++i) {
                 if (i < pages.size() && pages[i] != 0 && pages[i] != nImageID)
                     ReleaseImage(pages[i]);
-                if (i < files.size()) DeleteFileQuietly(files[i]);
+                if (i < files.size()) RemoveFileQuietly(files[i]);
             }
         }
     }
@@ -238,7 +232,7 @@ KestrelynStatus ReleaseImage(std::int32_t nImageID) {
         hooks.UnlockPage(rec.nPlugBitmap, rec.nPlugPage, 0);
 
     // 9. A temporary file.
-    if (rec.bDeleteFile) DeleteFileQuietly(rec.sFilePath);
+    if (rec.bDeleteFile) RemoveFileQuietly(rec.sFilePath);
 
     // 10. Shrink the table or free the slot.
     ImageRegistry& reg = tlRegistry;
@@ -297,7 +291,7 @@ std::int32_t ReplaceImage(std::int32_t nImageID, std::int32_t nNewImageID) {
         if (!rec) return nImageID;
     }
     if (!rec->arPageFiles[p].empty()) {
-        DeleteFileQuietly(rec->arPageFiles[p]);
+        RemoveFileQuietly(rec->arPageFiles[p]);
         rec->arPageFiles[p].clear();
     }
 
@@ -382,7 +376,7 @@ std::string MakeTempFileName() {
         const float r = draw(ThreadRandom());
         const auto n = static_cast<std::uint64_t>(static_cast<double>(r) * 100000000.0);
         sPath = sDir + kPathSeparator + std::to_string(n);
-    } while (FileExists(sPath));
+    } while (PathExists(sPath));
     return sPath;
 }
 

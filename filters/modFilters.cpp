@@ -6,7 +6,7 @@
 #include <new>
 #include <stdexcept>
 
-#include "core/cImaging.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "platform/modGdiPlus.h"
 

@@ -6,6 +6,7 @@
 #pragma once
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "kestrelyn/KestrelynStatus.h"
 
@@ -38,5 +39,12 @@ KestrelynStatus SaveTiffPages(std::int32_t nImageID, const std::string& sFilePat
 
 // True for a head with the format's flag set and not read-only.
 bool IsEditableDocument(std::int32_t nImageID, const std::string& sFormat);
+
+// Loads a page file as a plain image, never as a document of its own.
+KestrelynStatus LoadPageFile(std::int32_t& nImageID, const std::string& sFilePath);
+// Writes the page files, in order, as one multi-page TIFF (empty names are
+// skipped); on a failure the TIFF is removed.
+KestrelynStatus WritePageFilesAsTiff(const std::vector<std::string>& arFiles,
+                                     const std::string& sFilePath, std::int32_t nCompression);
 
 } // namespace kestrelyn

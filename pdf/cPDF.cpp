@@ -12,7 +12,7 @@
 
 #include <zlib.h>
 
-#include "pdf/modAnsi.h"
+#include "platform/Windows1252.h"
 #include "pdf/modPdfAResources.h"
 #include "pdf/modPdfCrypto.h"
 

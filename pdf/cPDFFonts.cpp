@@ -14,7 +14,7 @@
 #include FT_ADVANCES_H
 
 #include "pdf/cPDF.h"
-#include "pdf/modAnsi.h"
+#include "platform/Windows1252.h"
 
 namespace kestrelyn {
 

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "core/ImagingLoad.h"
-#include "core/ImagingSave.h"
+#include "core/ImageLoader.h"
+#include "core/ImageSaver.h"
 #include "core/modMain.h"
-#include "core/modkyimgplugFrame.h"
+#include "core/CodecPluginBridge.h"
 #include "pdf/cPDF.h"
 #include "platform/modGdiPlus.h"
 

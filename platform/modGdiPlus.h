@@ -324,6 +324,9 @@ GpStatus GdipGetImageEncodersSize(UINT* numEncoders, UINT* size);
 GpStatus GdipGetImageEncoders(UINT numEncoders, UINT size, ImageCodecInfo* encoders);
 GpStatus GdipGetImageDecodersSize(UINT* numDecoders, UINT* size);
 GpStatus GdipGetImageDecoders(UINT numDecoders, UINT size, ImageCodecInfo* decoders);
+// The engine's self-test switch: while set on a thread, that thread's encoder
+// list cannot be read (GenericError), as when a start of the engine fails.
+void EngineFailEncoderListOnThread(bool bFail);
 
 // Saving. A TIFF save with the SaveFlag MultiFrame starts a multi-frame file
 // that GdipSaveAddImage (SaveFlag FrameDimensionPage) extends and GdipSaveAdd

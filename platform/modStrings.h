@@ -15,4 +15,16 @@ inline std::string Trim(const std::string& s) {
     return s.substr(b, e - b);
 }
 
+inline std::string Upper(std::string s) {
+    for (char& c : s)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return s;
+}
+
+inline std::string Lower(std::string s) {
+    for (char& c : s)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
 } // namespace kestrelyn

@@ -4,7 +4,7 @@
 #include <new>
 #include <vector>
 
-#include "core/cImaging.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "platform/modGdiPlus.h"
 

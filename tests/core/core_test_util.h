@@ -7,7 +7,8 @@
 #include <string>
 #include <sys/stat.h>
 
-#include "core/cImaging.h"
+#include "imaging/cImaging.h"
+#include "core/EngineState.h"
 #include "core/modMain.h"
 #include "kestrelyn/Imaging.h"
 

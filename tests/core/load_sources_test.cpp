@@ -4,7 +4,7 @@
 
 #include "load_support.h"
 
-#include "pdf/modAnsi.h"
+#include "platform/Windows1252.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
 

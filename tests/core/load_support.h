@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "core/ImagingLoad.h"
-#include "core/cImaging.h"
+#include "core/ImageLoader.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
-#include "core/modkyimgplugFrame.h"
+#include "core/CodecPluginBridge.h"
 #include "file_support.h"
 #include "kestrelyn/Imaging.h"
 #include "platform/modGdiPlus.h"

@@ -1,7 +1,7 @@
 // Saving through the engine: what independent readers find in our files.
 #include <cmath>
 
-#include "core/modkyimgplugFrame.h"
+#include "core/CodecPluginBridge.h"
 #include "platform/modkyimgplug.h"
 #include "tests/core/save_support.h"
 

@@ -1,5 +1,5 @@
 // Plug-in saves, the JBIG back door, icons and lossless JPEG transforms.
-#include "core/modkyimgplugFrame.h"
+#include "core/CodecPluginBridge.h"
 #include "platform/modkyimgplug.h"
 #include "tests/core/save_support.h"
 

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "core/ImagingSave.h"
-#include "core/cImaging.h"
+#include "core/ImageSaver.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "file_support.h"
 #include "kestrelyn/Imaging.h"

@@ -10,7 +10,7 @@
 
 #include "PdfTestSupport.h"
 #include "pdf/cPDF.h"
-#include "pdf/modAnsi.h"
+#include "platform/Windows1252.h"
 
 namespace kestrelyn {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "PdfImagingSupport.h"
 #include "PdfTestSupport.h"
-#include "core/modkyimgplugFrame.h"
+#include "core/CodecPluginBridge.h"
 #include "kestrelyn/Imaging.h"
 #include "pdf/cPDF.h"
 #include "platform/modCcitt.h"

@@ -169,7 +169,16 @@ GpStatus GdipCreateBitmapFromStream(StreamPtr stream, GpBitmap** bitmap) {
     return LoadStream(stream, bitmap);
 }
 
+namespace {
+thread_local bool tlFailEncoderList = false;
+}
+
+void EngineFailEncoderListOnThread(bool bFail) {
+    tlFailEncoderList = bFail;
+}
+
 GpStatus GdipGetImageEncodersSize(UINT* numEncoders, UINT* size) {
+    if (tlFailEncoderList) return GenericError;
     return CodecsSize(ImageCodecFlagsEncoder, numEncoders, size);
 }
 GpStatus GdipGetImageEncoders(UINT numEncoders, UINT size, ImageCodecInfo* encoders) {

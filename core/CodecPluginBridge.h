@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "core/EngineState.h"
 #include "kestrelyn/KestrelynStatus.h"
 
 namespace kestrelyn {
@@ -13,13 +14,19 @@ namespace kestrelyn {
 enum PluginFormat : int {
     PluginFormatUnknown = -1,
     PluginFormatBMP = 0,
+    PluginFormatICO = 1,
     PluginFormatJPEG = 2,
+    PluginFormatPBM = 7,
     PluginFormatPNG = 13,
     PluginFormatTARGA = 17,
     PluginFormatTIFF = 18,
+    PluginFormatWBMP = 19,
+    PluginFormatXPM = 23,
     PluginFormatGIF = 25,
+    PluginFormatEXR = 29,
     PluginFormatJ2K = 30,
     PluginFormatJP2 = 31,
+    PluginFormatJBIG = 35,
 };
 
 // --- the frame for closed libraries ---

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "core/ImagingSave.h"
-#include "core/cImaging.h"
+#include "core/ImageSaver.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"

@@ -2,7 +2,7 @@
 // fills the zone, turns its arguments into RunFilter's and stores the status.
 #include <algorithm>
 
-#include "core/cImaging.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "filters/modFilters.h"
 #include "raster/modConvert.h"

@@ -112,23 +112,4 @@ class cImaging {
     float nPdfLastLineWidth = 0;
 };
 
-// Per-thread engine state shared by every object of the thread.
-struct EngineState {
-    std::int32_t nEngineUsers = 0;
-    bool bEngineStarted = false;
-    std::uintptr_t nEngineToken = 0;
-    std::string sGdiplusVersion;
-    std::string sKyimgplugVersion;
-};
-EngineState& ThreadEngineState();
-bool StartEngine();
-void StopEngine();
-// Work done once per thread when the engine starts (the encoder table, for
-// instance). Hooks are registered for the process and run in order of
-// registration, after the engine answered and before the version reads.
-using EngineStartHook = void (*)(EngineState& state);
-void RegisterEngineStartHook(EngineStartHook pHook);
-// The leading number of a version text ("1.0.0.0" gives 1, "Unknown" 0).
-double VersionValue(const std::string& sVersion);
-
 } // namespace kestrelyn

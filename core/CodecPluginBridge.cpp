@@ -2,15 +2,15 @@
 // detection, loads through the plug-in and the conversion of its bitmaps to
 // registry images (without copying the pixels wherever that is possible) and
 // back.
-#include "core/modkyimgplugFrame.h"
+#include "core/CodecPluginBridge.h"
 
 #include <cctype>
 #include <cmath>
 #include <cstring>
 #include <vector>
 
-#include "core/ImagingLoad.h"
-#include "core/cImaging.h"
+#include "core/ImageLoader.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"

@@ -2,8 +2,8 @@
 // operation to it, trapping anything thrown into a status.
 #include "kestrelyn/Imaging.h"
 
-#include "core/OperationGuard.h"
-#include "core/cImaging.h"
+#include "imaging/OperationGuard.h"
+#include "imaging/cImaging.h"
 
 namespace kestrelyn {
 

@@ -2,6 +2,7 @@
 // multi-page store, the GIF pages and the PDF image path.
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -73,5 +74,18 @@ KestrelynStatus BeginMultiPageTiff(std::int32_t nImageID, const std::string& sFi
                                    std::int32_t nCompression);
 KestrelynStatus AddMultiPageTiff(std::int32_t nMasterID, std::int32_t nImageID);
 KestrelynStatus FinishMultiPageTiff(std::int32_t nMasterID);
+
+// --- the codec plug-in's savers ---
+
+// Whether a plug-in format takes an image of this pixel format and depth.
+using AcceptPixelFormatFn = std::function<bool(PixelFormat nFormat, std::int32_t nDepth)>;
+// The steps every plug-in save shares: presence (else 300), the image (else
+// 2), its pixel format (else 7), resolution, a plug-in bitmap (as RGBF floats
+// with bToFloat), the save.
+KestrelynStatus SaveByPlugin(std::int32_t nImageID, const std::string& sFilePath, int nFormat,
+                             const AcceptPixelFormatFn& accept, int nFlags, bool bToFloat = false);
+// A 32 by 32 ARGB copy of an image: an area average when shrinking, bilinear
+// when growing. Registered; its id in nNewID.
+KestrelynStatus MakeIconImage(std::int32_t nImageID, std::int32_t& nNewID);
 
 } // namespace kestrelyn

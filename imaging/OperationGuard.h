@@ -5,7 +5,7 @@
 #include <new>
 #include <type_traits>
 
-#include "core/cImaging.h"
+#include "imaging/cImaging.h"
 
 namespace kestrelyn {
 

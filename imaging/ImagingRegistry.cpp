@@ -1,7 +1,7 @@
 // The registry family of Imaging: new images, clones, closing.
 #include <cstring>
 
-#include "core/cImaging.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
 
 namespace kestrelyn {

@@ -1,7 +1,7 @@
 // Saving: the encoder table, the resolution and tag repairs done before a
 // save, the engine routes (BMP, GIF, PNG, JPEG, TIFF), the multi-frame TIFF
 // writer and the byte array, stream and string forms.
-#include "core/ImagingSave.h"
+#include "core/ImageSaver.h"
 #include "platform/modStrings.h"
 
 #include <algorithm>
@@ -13,11 +13,11 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "core/ImagingLoad.h"
-#include "core/cImaging.h"
+#include "core/ImageLoader.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
-#include "core/modkyimgplugFrame.h"
-#include "pdf/modAnsi.h"
+#include "core/CodecPluginBridge.h"
+#include "platform/Windows1252.h"
 #include "platform/modkyimgplug.h"
 
 namespace kestrelyn {
@@ -25,24 +25,6 @@ namespace kestrelyn {
 namespace {
 
 thread_local EncoderTable tlEncoders;
-
-std::string Upper(std::string s) {
-    for (char& c : s)
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return s;
-}
-
-std::string Lower(std::string s) {
-    for (char& c : s)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
-void EncoderTableHook(EngineState&) {
-    BuildEncoderTable();
-}
-
-const bool kEncoderHookRegistered = (RegisterEngineStartHook(&EncoderTableHook), true);
 
 // A resolution as a TIFF rational: with d decimal places, value x 10^d over 10^d.
 std::vector<std::uint8_t> ResolutionRational(float nValue) {
@@ -80,12 +62,6 @@ bool HasProperty(GpImage* img, PROPID id) {
     return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
 
-bool ReadWholeFile(const std::string& sPath, std::vector<std::uint8_t>& arBytes) {
-    std::ifstream in(sPath, std::ios::binary);
-    if (!in) return false;
-    arBytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return !in.bad();
-}
 
 } // namespace
 
@@ -97,7 +73,6 @@ EncoderTable& ThreadEncoderTable() {
 }
 
 void BuildEncoderTable() {
-    (void)kEncoderHookRegistered;
     UINT num = 0, size = 0;
     if (GdipGetImageEncodersSize(&num, &size) != OK)
         throw std::runtime_error("the engine lists no encoders");
@@ -357,126 +332,6 @@ KestrelynStatus FinishMultiPageTiff(std::int32_t nMasterID) {
     EncoderParamList params;
     params.Add(EncoderSaveFlag, EncoderValueFlush);
     return GdipSaveAdd(masterImage, params.Get());
-}
-
-// ---------------------------------------------------------------------------
-// The Imaging operations of the engine routes.
-
-namespace {
-
-// The guard shared by every SaveAs operation: no native image stores 1.
-bool NoNativeImage(cImaging& self) {
-    if (self.nNativeImage != 0) return false;
-    self.nStatus = GenericError;
-    return true;
-}
-
-} // namespace
-
-KestrelynStatus cImaging::SaveAsBmp(const std::string& sFilePath) {
-    if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveByEngine(nNativeImage, sFilePath, "*.bmp");
-    return nStatus;
-}
-
-KestrelynStatus cImaging::SaveAsGIF(const std::string& sFilePath) {
-    if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveByEngine(nNativeImage, sFilePath, "*.gif");
-    return nStatus;
-}
-
-KestrelynStatus cImaging::SaveAsPNG(const std::string& sFilePath) {
-    if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveByEngine(nNativeImage, sFilePath, "*.png");
-    return nStatus;
-}
-
-KestrelynStatus cImaging::SaveAsJPEG(const std::string& sFilePath, std::int32_t nQuality) {
-    if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveAsJpegFile(nNativeImage, sFilePath, nQuality, bDisableKyimgplugCodecs);
-    return nStatus;
-}
-
-KestrelynStatus cImaging::SaveAsTIFF(const std::string& sFilePath,
-                                     TifCompression nModeCompression) {
-    if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveAsTiffFile(nNativeImage, sFilePath, nModeCompression, 0);
-    return nStatus;
-}
-
-KestrelynStatus cImaging::SaveAsByteArray(std::vector<std::uint8_t>& arBytes,
-                                          std::int32_t& nBytesRead, const std::string& sImageFormat,
-                                          std::int32_t nEncoderParameter) {
-    if (NoNativeImage(*this)) return nStatus;
-    const std::string format = Upper(Trim(sImageFormat));
-    if ((format == "JPEG" || format == "JPG") && IsGreyRampImage(nNativeImage)) {
-        const std::string sTemp = MakeTempFileName();
-        nStatus = SaveAsJpegFile(nNativeImage, sTemp, nEncoderParameter, bDisableKyimgplugCodecs);
-        std::vector<std::uint8_t> bytes;
-        const bool read = nStatus == OK && ReadWholeFile(sTemp, bytes);
-        std::remove(sTemp.c_str());
-        if (read && !bytes.empty()) {
-            nBytesRead = static_cast<std::int32_t>(bytes.size());
-            arBytes = std::move(bytes);
-            return nStatus;
-        }
-    }
-    StreamPtr stream;
-    nStatus = SaveToStream(nNativeImage, stream, sImageFormat, nEncoderParameter);
-    if (nStatus != OK) return nStatus;
-    const std::int64_t size = stream->Stat();
-    if (size <= 0) {
-        nStatus = GenericError;
-        return nStatus;
-    }
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(size));
-    stream->Seek(0, Stream::Begin);
-    if (stream->Read(bytes.data(), bytes.size()) != bytes.size()) {
-        nStatus = GenericError;
-        return nStatus;
-    }
-    nBytesRead = static_cast<std::int32_t>(bytes.size());
-    arBytes = std::move(bytes);
-    return nStatus;
-}
-
-KestrelynStatus cImaging::SaveAsStream(StreamPtr& oStream, const std::string& sImageFormat,
-                                       std::int32_t nEncoderParameter) {
-    if (NoNativeImage(*this)) return nStatus;
-    StreamPtr stream;
-    nStatus = SaveToStream(nNativeImage, stream, sImageFormat, nEncoderParameter);
-    if (nStatus == OK) {
-        // Handed over ready to be read from its start.
-        stream->Seek(0, Stream::Begin);
-        oStream = std::move(stream);
-    }
-    return nStatus;
-}
-
-std::string cImaging::SaveAsString(const std::string& sImageFormat,
-                                   std::int32_t nEncoderParameter) {
-    std::vector<std::uint8_t> bytes;
-    std::int32_t n = 0;
-    if (SaveAsByteArray(bytes, n, sImageFormat, nEncoderParameter) != OK) return "";
-    return AnsiToUtf8(std::string(bytes.begin(), bytes.end()));
-}
-
-KestrelynStatus cImaging::TransformJPEG(const std::string& sInputFile, std::string& sOutputFile,
-                                        JPEGTransformations nTransformation) {
-    std::int32_t id = 0;
-    nStatus = LoadByEngine(sInputFile, id, false, false, false);
-    if (nStatus != OK) return nStatus;
-    GUID clsid{};
-    if (!FindEncoderClsid("*.jpg", clsid)) {
-        nStatus = UnknownImageFormat;
-    } else {
-        EncoderParamList params;
-        params.Add(EncoderTransformation, static_cast<std::uint32_t>(nTransformation));
-        nStatus = GdipTransformJpegFile(ResolveGdiPlusImage(id), sInputFile, sOutputFile, &clsid,
-                                        params.Get());
-    }
-    ReleaseImage(id);
-    return nStatus;
 }
 
 } // namespace kestrelyn

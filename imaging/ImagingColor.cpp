@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "core/cImaging.h"
+#include "imaging/cImaging.h"
 #include "raster/cColor.h"
 #include "raster/modHSL.h"
 

@@ -1,5 +1,5 @@
 // Windows-1252 conversion with an own table of the 0x80..0x9F block.
-#include "pdf/modAnsi.h"
+#include "platform/Windows1252.h"
 
 namespace kestrelyn {
 

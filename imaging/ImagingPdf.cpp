@@ -4,7 +4,7 @@
 #include <cmath>
 #include <memory>
 
-#include "core/cImaging.h"
+#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "multipage/modMultiPage.h"
 #include "pdf/cPDF.h"
