@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "core/ImageLoader.h"
-#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"

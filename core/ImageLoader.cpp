@@ -15,7 +15,6 @@
 #include <fstream>
 #include <new>
 
-#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "core/CodecPluginBridge.h"
 #include "platform/Windows1252.h"

@@ -14,7 +14,6 @@
 #include <stdexcept>
 
 #include "core/ImageLoader.h"
-#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "core/CodecPluginBridge.h"
 #include "platform/Windows1252.h"

@@ -11,7 +11,6 @@
 
 #include "core/ImageLoader.h"
 #include "core/ImageSaver.h"
-#include "imaging/cImaging.h"
 #include "core/modMain.h"
 
 namespace kestrelyn {
