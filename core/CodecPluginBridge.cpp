@@ -45,27 +45,6 @@ int DotsPerMeter(float nDpi) {
     return static_cast<int>(static_cast<double>(nDpi) / 0.0254 + 0.5);
 }
 
-// Release steps of the registry, bound to the plug-in.
-void HookCloseFileHandle(std::uintptr_t h) {
-    KYIMGPLUG_CloseFileHandle(static_cast<std::intptr_t>(h));
-}
-void HookUnload(std::uintptr_t h) {
-    KYIMGPLUG_Unload(static_cast<std::intptr_t>(h));
-}
-void HookCloseMultiBitmap(std::uintptr_t h, std::int32_t nFlags) {
-    KYIMGPLUG_CloseMultiBitmap(static_cast<std::intptr_t>(h), nFlags);
-}
-void HookUnlockPage(std::uintptr_t hMulti, std::uintptr_t hPage, std::int32_t bChanged) {
-    KYIMGPLUG_UnlockPage(static_cast<std::intptr_t>(hMulti), static_cast<std::intptr_t>(hPage),
-                         bChanged);
-}
-
-// The hooks are in place as soon as the library is loaded into a process.
-const bool gHooksInstalled = [] {
-    InstallPluginReleaseHooks();
-    return true;
-}();
-
 // An engine image of a plug-in bitmap at 1, 4 or 8 bits: a copy through a
 // DIB, since the engine cannot wrap palette pixels. bSwapMonochrome reverses a
 // two-entry palette (after the bits were inverted).
@@ -146,7 +125,6 @@ bool IsKyimgplugAvailable() {
         st.sKyimgplugVersion = GetFileVersionString("kyimgplug");
     if (VersionValue(st.sKyimgplugVersion) == 0) return false;
     if (!IsKyimgplugLoaded()) return false;
-    InstallPluginReleaseHooks();
     return true;
 }
 
@@ -163,14 +141,6 @@ bool CheckPluginLibraryVersion(const PluginLibraryRequirement& req, bool bFound,
     } catch (...) {
     }
     return false;
-}
-
-void InstallPluginReleaseHooks() {
-    PluginReleaseHooks& hooks = PluginHooks();
-    hooks.CloseFileHandle = &HookCloseFileHandle;
-    hooks.Unload = &HookUnload;
-    hooks.CloseMultiBitmap = &HookCloseMultiBitmap;
-    hooks.UnlockPage = &HookUnlockPage;
 }
 
 void SetPluginMetadataHooks(ReadPluginMetadataFn pRead, WritePluginMetadataFn pWrite) {

@@ -95,7 +95,4 @@ using ReadPluginMetadataFn = void (*)(std::int32_t nImageID, std::intptr_t nBitm
 using WritePluginMetadataFn = void (*)(std::intptr_t nBitmap, std::int32_t nImageID);
 void SetPluginMetadataHooks(ReadPluginMetadataFn pRead, WritePluginMetadataFn pWrite);
 
-// Puts the plug-in's release calls into the registry's hooks (done once).
-void InstallPluginReleaseHooks();
-
 } // namespace kestrelyn

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "platform/modWinapi.h"
+#include "platform/modkyimgplug.h"
 
 namespace kestrelyn {
 
@@ -49,11 +50,6 @@ bool IsMultiPage(const ImageRecord& rec) {
 
 } // namespace
 
-
-PluginReleaseHooks& PluginHooks() {
-    static PluginReleaseHooks hooks;
-    return hooks;
-}
 
 namespace {
 PageStoreFn gPageStore = nullptr;
@@ -210,9 +206,9 @@ KestrelynStatus ReleaseImage(std::int32_t nImageID) {
         }
     }
 
-    // 4. A file handle of the plug-in.
-    PluginReleaseHooks& hooks = PluginHooks();
-    if (rec.nPlugFile != 0 && hooks.CloseFileHandle) hooks.CloseFileHandle(rec.nPlugFile);
+    // 4. A file handle of the plug-in. Plug-in handles exist only while the
+    // plug-in is loaded, so these calls always reach it.
+    if (rec.nPlugFile != 0) KYIMGPLUG_CloseFileHandle(static_cast<std::intptr_t>(rec.nPlugFile));
 
     // 5. The engine image; its status is the result.
     KestrelynStatus status = OK;
@@ -221,15 +217,15 @@ KestrelynStatus ReleaseImage(std::int32_t nImageID) {
 
     // 6-8. What the kind of source leaves behind.
     if (rec.nKind == KindDib && rec.hMemory) GlobalFree(rec.hMemory);
-    if (rec.nKind == KindPlugin && rec.nPlugBitmap) {
-        if (IsMultiPage(rec)) {
-            if (hooks.CloseMultiBitmap) hooks.CloseMultiBitmap(rec.nPlugBitmap, 0);
-        } else if (hooks.Unload) {
-            hooks.Unload(rec.nPlugBitmap);
-        }
+    const auto plugBitmap = static_cast<std::intptr_t>(rec.nPlugBitmap);
+    if (rec.nKind == KindPlugin && plugBitmap) {
+        if (IsMultiPage(rec))
+            KYIMGPLUG_CloseMultiBitmap(plugBitmap, 0);
+        else
+            KYIMGPLUG_Unload(plugBitmap);
     }
-    if (rec.nKind == KindPluginPage && rec.nPlugBitmap && hooks.UnlockPage)
-        hooks.UnlockPage(rec.nPlugBitmap, rec.nPlugPage, 0);
+    if (rec.nKind == KindPluginPage && plugBitmap)
+        KYIMGPLUG_UnlockPage(plugBitmap, static_cast<std::intptr_t>(rec.nPlugPage), 0);
 
     // 9. A temporary file.
     if (rec.bDeleteFile) RemoveFileQuietly(rec.sFilePath);

@@ -92,18 +92,6 @@ std::int32_t NewImageId();
 std::string FormatNameFromRawFormat(const GUID& rawFormat);
 std::string EngineFormatName(GpImage* pImage);
 
-// What a release must do to the codec plug-in's objects. The plug-in bridge
-// fills these when it loads the plug-in; while none is loaded they stay null
-// and the registry skips those steps. Process-wide: the library is loaded once.
-struct PluginReleaseHooks {
-    void (*CloseFileHandle)(std::uintptr_t nPlugFile) = nullptr;
-    void (*Unload)(std::uintptr_t nPlugBitmap) = nullptr;
-    void (*CloseMultiBitmap)(std::uintptr_t nPlugBitmap, std::int32_t nFlags) = nullptr;
-    void (*UnlockPage)(std::uintptr_t nPlugBitmap, std::uintptr_t nPlugPage,
-                       std::int32_t bChanged) = nullptr;
-};
-PluginReleaseHooks& PluginHooks();
-
 // Stores the current page of an editable multi-page image in a file: TIFF by
 // the page rule of the multi-page store (bGif false) or PNG (bGif true). The
 // multi-page store installs it; returns the outcome. Without one, ReplaceImage

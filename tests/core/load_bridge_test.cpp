@@ -70,13 +70,6 @@ TEST(LoadBridgeFrame, MissingOrOldLibrariesShowTheirBox) {
     EXPECT_EQ(rec->boxes[2], "Error|Bad kybarcode.dmreader.dll version.|16");
 }
 
-TEST_F(LoadBridge, ReleaseHooksReachThePlugin) {
-    EXPECT_NE(PluginHooks().Unload, nullptr);
-    EXPECT_NE(PluginHooks().CloseFileHandle, nullptr);
-    EXPECT_NE(PluginHooks().CloseMultiBitmap, nullptr);
-    EXPECT_NE(PluginHooks().UnlockPage, nullptr);
-}
-
 // A top-down 24-bit plug-in bitmap of the pattern, w by h.
 std::intptr_t PatternBitmap(int w, int h) {
     std::vector<std::uint8_t> raw(static_cast<std::size_t>(ComputeStride(w, 24) * h));
