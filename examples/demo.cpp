@@ -109,14 +109,15 @@ void LoadDemo(Imaging& img, int argc, char** argv) {
     const std::int32_t fromBytes = img.CreateImageFromByteArray(bmp);
     PrintFacts(img, fromBytes, "BMP from bytes");
     Check(fromBytes != 0 && img.GetImageFormat(fromBytes) == "BMP", "a BMP byte array loads");
-    Check(img.PixelGetColor(10, 7) == SampleColour(10, 7, w, h), "its pixels are the sample's");
+    Check(static_cast<std::uint32_t>(img.PixelGetColor(10, 7)) == SampleColour(10, 7, w, h),
+          "its pixels are the sample's");
     const std::int32_t fromStream = img.CreateImageFromStream(CreateMemoryStream(bmp));
     PrintFacts(img, fromStream, "BMP from a stream");
     Check(fromStream != 0, "the same bytes load from a memory stream");
     const std::int32_t targa = img.CreateImageFromByteArray(SampleTga(w, h));
     PrintFacts(img, targa, "Targa from bytes");
     if (targa != 0)
-        Check(img.PixelGetColor(31, 22) == SampleColour(31, 22, w, h),
+        Check(static_cast<std::uint32_t>(img.PixelGetColor(31, 22)) == SampleColour(31, 22, w, h),
               "the Targa (codec plug-in) matches the BMP");
     else
         std::printf("  (no codec plug-in found: Targa files need it)\n");
@@ -237,7 +238,8 @@ int main(int argc, char** argv) {
     std::printf("Pixels of a 24-bit image:\n");
     const std::int32_t rgb = img.CreateNewImage(16, 16, 24, 0xFF2040A0u);
     img.PixelSetColor(3, 4, 0xFFFF8000u);
-    Check(img.PixelGetColor(3, 4) == 0xFFFF8000u, "PixelSetColor then PixelGetColor");
+    Check(static_cast<std::uint32_t>(img.PixelGetColor(3, 4)) == 0xFFFF8000u,
+          "PixelSetColor then PixelGetColor");
     std::vector<std::int32_t> block(4 * 4, static_cast<std::int32_t>(0xFF00C000u));
     img.SetPixelArrayARGB(block, 8, 8, 4, 4);
     std::vector<std::int32_t> back;
@@ -257,7 +259,8 @@ int main(int argc, char** argv) {
                 img.GetPixelFormatString(copy).c_str(), img.GetWidth(area), img.GetHeight(area));
     img.ClearImage(0xFFFFFFFFu);
     img.SetNativeImage(copy);
-    Check(img.PixelGetColor(3, 4) == 0xFFFF8000u, "the copy did not change with the source");
+    Check(static_cast<std::uint32_t>(img.PixelGetColor(3, 4)) == 0xFFFF8000u,
+          "the copy did not change with the source");
 
     std::printf("Handles:\n");
     const HGLOBAL dib = img.GetDib(rgb);

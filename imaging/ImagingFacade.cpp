@@ -150,7 +150,7 @@ std::string cImaging::Decode64String(const std::string& sBase64) {
 }
 
 bool cImaging::GetIcon(PictureHandle oPicture, const std::string& sIconPath,
-                       bool bUseTransparentColor, ARGB nTransparentColor) {
+                       bool bUseTransparentColor, std::int32_t nTransparentColor) {
     // Writes the picture as a one-image icon file: 32-bit colour rows and the
     // 1-bit transparency mask, both bottom-up.
     const HostBitmap* bmp = HostGetBitmap(PictureGetBitmap(oPicture));
@@ -200,7 +200,8 @@ bool cImaging::GetIcon(PictureHandle oPicture, const std::string& sIconPath,
         for (std::int32_t x = 0; x < w; ++x) {
             std::uint32_t px = bmp->arPixels[static_cast<std::size_t>(row * w + x)];
             bool bClear = (px >> 24) == 0;
-            if (bUseTransparentColor && (px & 0x00FFFFFFu) == (nTransparentColor & 0x00FFFFFFu)) {
+            if (bUseTransparentColor &&
+                (px & 0x00FFFFFFu) == (static_cast<ARGB>(nTransparentColor) & 0x00FFFFFFu)) {
                 px &= 0x00FFFFFFu;
                 bClear = true;
             }

@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "core/ImageSaver.h"
-#include "imaging/cImaging.h"
 #include "core/modMain.h"
+#include "imaging/cImaging.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
 
@@ -412,23 +412,24 @@ KestrelynStatus cImaging::SetPixelArray8bpp1D(std::vector<std::uint8_t>& arBytes
                          true);
 }
 
-ARGB cImaging::PixelGetColor(std::int32_t nSrcLeft, std::int32_t nSrcTop) {
+std::int32_t cImaging::PixelGetColor(std::int32_t nSrcLeft, std::int32_t nSrcTop) {
     if (nNativeImage == 0) {
         nStatus = GenericError;
         return 0;
     }
     ARGB color = 0;
     nStatus = GdipBitmapGetPixel(ResolveGdiPlusImage(nNativeImage), nSrcLeft, nSrcTop, &color);
-    return nStatus == OK ? color : 0;
+    return nStatus == OK ? static_cast<std::int32_t>(color) : 0;
 }
 
 KestrelynStatus cImaging::PixelSetColor(std::int32_t nDstLeft, std::int32_t nDstTop,
-                                        ARGB nColorARGB) {
+                                        std::int32_t nColorARGB) {
     if (nNativeImage == 0) {
         nStatus = GenericError;
         return nStatus;
     }
-    nStatus = GdipBitmapSetPixel(ResolveGdiPlusImage(nNativeImage), nDstLeft, nDstTop, nColorARGB);
+    nStatus = GdipBitmapSetPixel(ResolveGdiPlusImage(nNativeImage), nDstLeft, nDstTop,
+                                 static_cast<ARGB>(nColorARGB));
     if (nStatus == OK) MarkImageModified(nNativeImage);
     return nStatus;
 }
@@ -679,7 +680,7 @@ KestrelynStatus cImaging::DeleteClipboardData() {
     return nStatus;
 }
 
-KestrelynStatus cImaging::ClearImage(ARGB nColorARGB) {
+KestrelynStatus cImaging::ClearImage(std::int32_t nColorARGB) {
     if (nNativeImage == 0) {
         nStatus = GenericError;
         return nStatus;
@@ -687,7 +688,7 @@ KestrelynStatus cImaging::ClearImage(ARGB nColorARGB) {
     GpGraphics* g = nullptr;
     nStatus = GraphicsFor(nNativeImage, g);
     if (nStatus != OK) return nStatus;
-    nStatus = GdipGraphicsClear(g, nColorARGB);
+    nStatus = GdipGraphicsClear(g, static_cast<ARGB>(nColorARGB));
     GdipDeleteGraphics(g);
     return nStatus;
 }

@@ -1,8 +1,8 @@
 // The registry family of Imaging: new images, clones, closing.
 #include <cstring>
 
-#include "imaging/cImaging.h"
 #include "core/modMain.h"
+#include "imaging/cImaging.h"
 
 namespace kestrelyn {
 
@@ -60,7 +60,7 @@ void CopyPalette(GpImage* from, GpImage* to) {
 } // namespace
 
 std::int32_t cImaging::CreateNewImage(std::int32_t nWidth, std::int32_t nHeight,
-                                      std::int32_t nBitDepth, ARGB nBackColor) {
+                                      std::int32_t nBitDepth, std::int32_t nBackColor) {
     const PixelFormat format = FormatForDepth(nBitDepth);
     if (format == 0) {
         nStatus = InvalidParameter;
@@ -73,9 +73,9 @@ std::int32_t cImaging::CreateNewImage(std::int32_t nWidth, std::int32_t nHeight,
     // A fresh buffer is zero, which is already opaque black's place for the
     // formats below 32 bits; clear only when that would differ. The engine
     // draws on every format, palettes included.
-    if (nBackColor != 0xFF000000u || nBitDepth >= 32) {
+    if (static_cast<ARGB>(nBackColor) != 0xFF000000u || nBitDepth >= 32) {
         if (GpGraphics* g = GetGraphics(id)) {
-            GdipGraphicsClear(g, nBackColor);
+            GdipGraphicsClear(g, static_cast<ARGB>(nBackColor));
             GdipDeleteGraphics(g);
         }
     }

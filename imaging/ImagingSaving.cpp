@@ -40,7 +40,6 @@ bool ReadWholeFile(const std::string& sPath, std::vector<std::uint8_t>& arBytes)
 
 } // namespace
 
-
 namespace {
 
 // The guard shared by every SaveAs operation: no native image stores 1.
@@ -204,8 +203,8 @@ KestrelynStatus cImaging::SaveAsPBM(const std::string& sFilePath) {
 KestrelynStatus cImaging::SaveAsWBMP(const std::string& sFilePath) {
     if (nNativeImage == 0) return nStatus = GenericError;
     nStatus = SaveByPlugin(
-        nNativeImage, sFilePath, PluginFormatWBMP, [](PixelFormat, std::int32_t d) { return d == 1; },
-        0);
+        nNativeImage, sFilePath, PluginFormatWBMP,
+        [](PixelFormat, std::int32_t d) { return d == 1; }, 0);
     return nStatus;
 }
 
@@ -232,7 +231,7 @@ KestrelynStatus cImaging::SaveAsTIFFjpgEx(const std::string& sFilePath, std::int
 }
 
 KestrelynStatus cImaging::SaveAsICO(const std::string& sFilePath, bool bTransparentColor,
-                                    ARGB nTransparentColor) {
+                                    std::int32_t nTransparentColor) {
     if (nNativeImage == 0) return nStatus = GenericError;
     GpImage* img = ResolveGdiPlusImage(nNativeImage);
     UINT w = 0, h = 0;
@@ -253,7 +252,7 @@ KestrelynStatus cImaging::SaveAsICO(const std::string& sFilePath, bool bTranspar
         if (bTransparentColor) {
             const FilterZone zone{0, 0, 32, 32};
             RunFilter(*this, 50, copy, threshold, zone, 0, 0, 0,
-                      static_cast<double>(static_cast<std::int32_t>(nTransparentColor)));
+                      static_cast<double>(nTransparentColor));
         }
         std::intptr_t bitmap = 0;
         nStatus = ImageToPluginBitmap(bitmap, copy);
