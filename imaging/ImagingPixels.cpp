@@ -50,7 +50,8 @@ KestrelynStatus CopyThroughLock(cImaging& self, void* pBuffer, std::int32_t nStr
 }
 
 // The common frame of the array forms: no native image gives 1, an empty
-// rectangle 2, a failure inside 1.
+// rectangle 2; a failure inside is the copy's status (the operation guard
+// turns anything thrown into 1, or 3 when memory ran out).
 template <typename Fn>
 KestrelynStatus ArrayOperation(cImaging& self, std::int32_t nWidth, std::int32_t nHeight, Fn&& fn) {
     if (self.nNativeImage == 0) {
@@ -61,11 +62,7 @@ KestrelynStatus ArrayOperation(cImaging& self, std::int32_t nWidth, std::int32_t
         self.nStatus = InvalidParameter;
         return self.nStatus;
     }
-    try {
-        self.nStatus = fn();
-    } catch (...) {
-        self.nStatus = GenericError;
-    }
+    self.nStatus = fn();
     return self.nStatus;
 }
 

@@ -89,16 +89,13 @@ void cImaging::RestoreImageFacts(std::int32_t nNewImageID, bool bSkipProfile) {
         if (bPreserveTags) {
             for (const cGDIPPropertyItem& item : arPropertyItems) {
                 if (bSkipProfile && item.nID == 34675) continue;
-                try {
-                    PropertyItem record{};
-                    record.id = item.nID;
-                    record.type = item.nType;
-                    record.length = static_cast<std::uint32_t>(item.arValue.size());
-                    record.value = const_cast<std::uint8_t*>(item.arValue.data());
-                    GdipSetPropertyItem(img, &record);
-                } catch (...) {
-                    // A tag that cannot be written is passed over.
-                }
+                // A tag that cannot be written is passed over.
+                PropertyItem record{};
+                record.id = item.nID;
+                record.type = item.nType;
+                record.length = static_cast<std::uint32_t>(item.arValue.size());
+                record.value = const_cast<std::uint8_t*>(item.arValue.data());
+                GdipSetPropertyItem(img, &record);
             }
         }
     }
