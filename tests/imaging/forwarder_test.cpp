@@ -69,8 +69,9 @@ TEST(Forwarder, AnOperationOnAnImageKeepsReturnAndStatusTogether) {
     ASSERT_NE(img.CreateNewImage(8, 8, 24, -1), 0);
     EXPECT_EQ(img.FxBlur(), OK);
     EXPECT_EQ(img.GetStat(), OK);
-    EXPECT_EQ(img.SetHorizontalResolution(150.0f, 424242), img.GetStat());
-    EXPECT_NE(img.GetStat(), OK);
+    const KestrelynStatus failed = img.SetHorizontalResolution(150.0f, 424242);
+    EXPECT_EQ(failed, InvalidParameter);
+    EXPECT_EQ(img.GetStat(), failed);
     EXPECT_EQ(img.ForceImageValidation(0), OK);
     EXPECT_NE(img.GetStat(), OK); // left as the failed call stored it
 }
