@@ -13,7 +13,7 @@
 #include <string>
 
 #define KYP_FN(result, name, params, args, unavailable) extern "C" result name params;
-#include "kyimgplug_exports.inc"
+#include "platform/kyimgplug_exports.inc"
 #undef KYP_FN
 
 #ifndef KY_FUZZ_FIF

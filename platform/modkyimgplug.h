@@ -1,8 +1,7 @@
 // The codec plug-in libkyimgplug, as the core calls it. The library is looked
-// up when first needed: in the folders of $KESTRELYN_PLUGIN_PATH (separated by
-// ':'), then beside libkestrelyn, then in the install folder. When it is
-// missing every call fails cleanly with its "unavailable" value (0, -1, "" or
-// a null pointer) and IsKyimgplugLoaded() is false.
+// up when first needed along the plug-in search order (platform/PluginLoader.h).
+// When it is missing every call fails cleanly with its "unavailable" value (0,
+// -1, "" or a null pointer) and IsKyimgplugLoaded() is false.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -11,7 +10,7 @@
 namespace kestrelyn {
 
 #define KYP_FN(R, N, P, A, F) R N P;
-#include "plugins/kyimgplug/kyimgplug_exports.inc"
+#include "platform/kyimgplug_exports.inc"
 #undef KYP_FN
 
 // Image type codes of plug-in bitmaps.

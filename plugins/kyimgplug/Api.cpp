@@ -3,8 +3,10 @@
 // cleanly instead of touching freed memory.
 #include <cstdint>
 #include <cstring>
+#include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -15,8 +17,22 @@
 namespace kyplug {
 namespace {
 
+// An open file: the descriptor stays open until the handle is closed, and a
+// multi-bitmap opened through the handle reads its pages through it (by the
+// descriptor's /proc name), so the pages come from the very file that was
+// opened even if its name is replaced or removed meanwhile.
 struct FileHandle {
     std::string path;
+    int fd = -1;
+    FileHandle() = default;
+    FileHandle(const FileHandle&) = delete;
+    FileHandle& operator=(const FileHandle&) = delete;
+    ~FileHandle() {
+        if (fd >= 0) ::close(fd);
+    }
+    std::string ReadPath() const {
+        return fd >= 0 ? "/proc/self/fd/" + std::to_string(fd) : path;
+    }
 };
 
 struct MultiBitmap {
@@ -122,6 +138,11 @@ BitmapPtr LoadPage(MultiBitmap& m, int page) {
 using namespace kyplug;
 
 #define KYP_EXPORT extern "C" __attribute__((visibility("default")))
+// The exports as the core's loader declares them: a definition below that
+// differs from its line there does not compile.
+#define KYP_FN(R, N, P, A, F) KYP_EXPORT R N P;
+#include "platform/kyimgplug_exports.inc"
+#undef KYP_FN
 #define KYP_TRY try {
 #define KYP_CATCH(v)                                                                               \
     }                                                                                              \
@@ -169,6 +190,8 @@ KYP_EXPORT std::intptr_t KYIMGPLUG_OpenFileU(const char* path) {
     KYP_TRY if (!path || !FileExists(path)) return 0;
     auto f = std::make_unique<FileHandle>();
     f->path = path;
+    f->fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (f->fd < 0) return 0;
     return AdoptAs(std::move(f), g_files);
     KYP_CATCH(0)
 }
@@ -204,7 +227,8 @@ KYP_EXPORT std::intptr_t KYIMGPLUG_OpenMultiBitmap(int fif, const char* path, in
 KYP_EXPORT std::intptr_t KYIMGPLUG_OpenMultiBitmapU(int fif, int flags, std::intptr_t handle) {
     KYP_TRY FileHandle* f = Get<FileHandle>(handle, g_files);
     if (!f) return 0;
-    return KYIMGPLUG_OpenMultiBitmap(fif, f->path.c_str(), 0, 1, 0, flags);
+    const std::string source = f->ReadPath();
+    return KYIMGPLUG_OpenMultiBitmap(fif, source.c_str(), 0, 1, 0, flags);
     KYP_CATCH(0)
 }
 

@@ -109,7 +109,8 @@ const char* FormatName(int fif);
 BitmapPtr Decode(int fif, const std::string& path, int flags);
 bool Encode(int fif, Bitmap& bm, const std::string& path, int flags);
 
-// Readers of our own (Formats.cpp)
+// Readers of our own, one file per format family (Bmp.cpp, Pnm.cpp, Targa.cpp,
+// ...); their shared pixel setters are in DecodePixels.h.
 BitmapPtr DecodeBMP(const Bytes& d);
 BitmapPtr DecodeDIB(Reader& r, bool inIcon);
 BitmapPtr DecodeICO(const Bytes& d);

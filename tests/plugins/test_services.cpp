@@ -3,15 +3,22 @@
 #include <cstring>
 
 #include "PluginTestUtil.h"
+#include "support/Checkers.h"
 
 using namespace kytest;
 using namespace kestrelyn;
 
 namespace {
 
-TEST(KyimgplugLoader, FoundThroughThePluginPathAndReportsItsVersion) {
+TEST(KyimgplugLoader, FoundBesideTheCoreLibraryAndReportsItsVersion) {
     ASSERT_TRUE(IsKyimgplugLoaded());
     EXPECT_NE(KyimgplugLibraryPath().find("libkyimgplug.so"), std::string::npos);
+    // No search path is set for the tests: the build tree's copy is found
+    // through libkestrelyn's own folder.
+    std::error_code ec;
+    EXPECT_TRUE(fs::equivalent(KyimgplugLibraryPath(),
+                               std::string(KY_BINARY_DIR) + "/lib/libkyimgplug.so", ec))
+        << KyimgplugLibraryPath();
     EXPECT_EQ(KYIMGPLUG_GetVersion(), 100);
     EXPECT_STREQ(KYIMGPLUG_GetVersionString(), "1.0.0.0");
 }
@@ -36,6 +43,26 @@ TEST(KyimgplugLoader, AnEmptyFolderMeansAbsentAndEveryCallFailsCleanly) {
     ReloadKyimgplug(); // back to the normal search
     EXPECT_TRUE(IsKyimgplugLoaded());
     EXPECT_EQ(KYIMGPLUG_GetVersion(), 100);
+}
+
+TEST(KyimgplugLoader, ThePluginPathComesAfterTheCoreLibrarysFolder) {
+    // A decoy of that name on the search path is never reached while the
+    // build tree's copy sits beside libkestrelyn.
+    TempDir decoy;
+    WriteAll(decoy / "libkyimgplug.so", Bytes(100, 7));
+    const char* old = std::getenv("KESTRELYN_PLUGIN_PATH");
+    const std::string keep = old ? old : "";
+    ::setenv("KESTRELYN_PLUGIN_PATH", decoy.path().c_str(), 1);
+    ReloadKyimgplug();
+    const bool loaded = IsKyimgplugLoaded();
+    const std::string path = KyimgplugLibraryPath();
+    if (old)
+        ::setenv("KESTRELYN_PLUGIN_PATH", keep.c_str(), 1);
+    else
+        ::unsetenv("KESTRELYN_PLUGIN_PATH");
+    ReloadKyimgplug();
+    EXPECT_TRUE(loaded);
+    EXPECT_EQ(path.find(decoy.path()), std::string::npos) << path;
 }
 
 TEST(KyimgplugDetection, ByName) {
@@ -291,7 +318,7 @@ TEST(KyimgplugServices, Ccitt4RowsDecodeBackWithOneAsBlack) {
 // and can be removed or attached before a save (the host's ICC operations).
 TEST(KyimgplugProfiles, EmbeddedProfilesAreReadRemovedAndWritten) {
     const std::string icm = "/usr/share/color/argyll/ref/sRGB.icm";
-    if (!fs::exists(icm)) GTEST_SKIP() << "no ICC profile on this system";
+    KY_REQUIRE_CHECKER(!(!fs::exists(icm)), "no ICC profile on this system");
     Bytes profile = ReadAll(icm);
     TempDir dir;
     ASSERT_TRUE(MakeSourcePng(dir / "src.png", 12, 9));

@@ -1,21 +1,15 @@
 // Operating system services: global memory blocks known by handle, picture
 // objects, shared-library versions and the temporary directory.
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <sys/stat.h>
 
+#include "platform/PluginLoader.h"
 #include "platform/modGdi32.h"
 #include "platform/modStrings.h"
 #include "platform/modWinapi.h"
-
-#ifndef KY_INSTALL_PLUGIN_DIR
-#define KY_INSTALL_PLUGIN_DIR "/usr/local/lib/kestrelyn"
-#endif
 
 namespace kestrelyn {
 
@@ -126,91 +120,21 @@ bool PictureRelease(PictureHandle hPicture) {
 
 // ---------------------------------------------------------------------------
 // Library versions. A library is looked up by its bare name ("kyimgplug"
-// names libkyimgplug.so or kyimgplug.so) in $KESTRELYN_PLUGIN_PATH, then
-// beside libkestrelyn, then in the install directory, then by the loader's
-// own search. Its version is what its export <NAME>_GetVersionString returns
-// (NAME upper-cased, other characters than letters and digits as "_").
-
-namespace {
-
-bool IsFile(const std::string& sPath) {
-    struct stat st {};
-    return ::stat(sPath.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
-std::string ThisLibraryDirectory() {
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<void*>(&GetLibraryFileVersion), &info) == 0 || !info.dli_fname)
-        return "";
-    std::string path = info.dli_fname;
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : path.substr(0, slash);
-}
-
-std::vector<std::string> CandidateFileNames(const std::string& sName) {
-    if (sName.find('/') != std::string::npos || sName.find(".so") != std::string::npos)
-        return {sName};
-    return {"lib" + sName + ".so", sName + ".so"};
-}
-
-} // namespace
+// names libkyimgplug.so or kyimgplug.so) along the plug-in search order, then
+// by the dynamic linker's own search. Its version is what its export
+// <NAME>_GetVersionString returns (NAME upper-cased, other characters than
+// letters and digits as "_"); a library without that export is not taken.
 
 std::string GetLibraryFileVersion(const std::string& sLibraryName) {
     try {
-        if (Trim(sLibraryName).empty()) return "Unknown";
-        const std::vector<std::string> names = CandidateFileNames(Trim(sLibraryName));
-        std::vector<std::string> dirs;
-        if (const char* env = std::getenv("KESTRELYN_PLUGIN_PATH")) {
-            std::string list = env;
-            std::size_t start = 0;
-            while (start <= list.size()) {
-                const std::size_t colon = list.find(':', start);
-                const std::string dir = list.substr(
-                    start, colon == std::string::npos ? std::string::npos : colon - start);
-                if (!dir.empty()) dirs.push_back(dir);
-                if (colon == std::string::npos) break;
-                start = colon + 1;
-            }
-        }
-        if (std::string own = ThisLibraryDirectory(); !own.empty()) dirs.push_back(own);
-        dirs.push_back(KY_INSTALL_PLUGIN_DIR);
-
-        void* handle = nullptr;
-        for (const std::string& dir : dirs) {
-            for (const std::string& name : names) {
-                const std::string path =
-                    name.find('/') != std::string::npos ? name : dir + "/" + name;
-                if (!IsFile(path)) continue;
-                handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
-                if (handle) break;
-            }
-            if (handle) break;
-        }
-        for (std::size_t i = 0; !handle && i < names.size(); ++i)
-            handle = dlopen(names[i].c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
-        if (!handle) return "Unknown";
-
-        std::string stem = Trim(sLibraryName);
-        if (const std::size_t slash = stem.rfind('/'); slash != std::string::npos)
-            stem = stem.substr(slash + 1);
-        if (stem.rfind("lib", 0) == 0 && stem.find(".so") != std::string::npos)
-            stem = stem.substr(3);
-        if (const std::size_t so = stem.find(".so"); so != std::string::npos)
-            stem = stem.substr(0, so);
-        std::string symbol;
-        for (char c : stem)
-            symbol += std::isalnum(static_cast<unsigned char>(c))
-                          ? static_cast<char>(std::toupper(static_cast<unsigned char>(c)))
-                          : '_';
-        symbol += "_GetVersionString";
-        using VersionFn = const char* (*)();
-        std::string version = "Unknown";
-        if (auto fn = reinterpret_cast<VersionFn>(dlsym(handle, symbol.c_str()))) {
-            const char* text = fn();
-            if (text && *text) version = Trim(text);
-        }
-        dlclose(handle);
-        return version;
+        const std::string sName = Trim(sLibraryName);
+        if (sName.empty()) return "Unknown";
+        PluginLoader library(PluginLibrary{
+            .sName = sName,
+            .sVersionExport = PluginExportPrefix(sName) + "_GetVersionString",
+            .bLinkerSearchLast = true,
+        });
+        return library.VersionString();
     } catch (...) {
         return "Undefined";
     }
