@@ -4,8 +4,9 @@
 #include <cmath>
 #include <memory>
 
-#include "imaging/cImaging.h"
 #include "core/modMain.h"
+#include "imaging/PdfImageSource.h"
+#include "imaging/cImaging.h"
 #include "multipage/modMultiPage.h"
 #include "pdf/cPDF.h"
 
@@ -23,6 +24,7 @@ float PagePoints(double nPixels, double nDpi) {
 // starts one.
 std::unique_ptr<cPDF> MakeWriter(const cImaging& self, bool bPdfA) {
     auto oPdf = std::make_unique<cPDF>();
+    oPdf->ImageSource(&RegistryPdfImageSource());
     oPdf->Orientation(0);
     oPdf->JpegQuality(self.nPdfJpegQuality);
     oPdf->CompressLevel(self.nPdfCompressionLevel);
@@ -30,40 +32,41 @@ std::unique_ptr<cPDF> MakeWriter(const cImaging& self, bool bPdfA) {
     return oPdf;
 }
 
-struct DocumentInfo {
-    const std::string& sTitle;
-    const std::string& sAuthor;
-    const std::string& sSubject;
-    const std::string& sKeywords;
-    const std::string& sCreator;
-    PdfEncryption nEncryption;
-    std::int32_t nRights;
-    const std::string& sUserPassword;
-    const std::string& sOwnerPassword;
-};
-
-bool OpenWriter(cPDF& oPdf, const std::string& sFilePath, const DocumentInfo& oInfo) {
-    return oPdf.NewPdf(sFilePath, oInfo.sTitle, oInfo.sAuthor, oInfo.sCreator, oInfo.sKeywords,
-                       oInfo.sSubject, oInfo.nEncryption, oInfo.nRights, oInfo.sUserPassword,
-                       oInfo.sOwnerPassword);
+// The document information of the Ex forms, in their argument order.
+PdfDocumentInfo MakeInfo(const std::string& sTitle, const std::string& sAuthor,
+                         const std::string& sSubject, const std::string& sKeywords,
+                         const std::string& sCreator, PdfEncryption nEncryption,
+                         std::int32_t nRights, const std::string& sUserPassword,
+                         const std::string& sOwnerPassword) {
+    PdfDocumentInfo oInfo;
+    oInfo.sTitle = sTitle;
+    oInfo.sAuthor = sAuthor;
+    oInfo.sCreator = sCreator;
+    oInfo.sKeywords = sKeywords;
+    oInfo.sSubject = sSubject;
+    oInfo.nEncryption = nEncryption;
+    oInfo.nRights = nRights;
+    oInfo.sUserPassword = sUserPassword;
+    oInfo.sOwnerPassword = sOwnerPassword;
+    return oInfo;
 }
 
 // One page per page of a multi-page image: all images first, then the pages.
 KestrelynStatus CreateFromMultiPage(cImaging& self, std::int32_t nImageID,
-                                    const std::string& sFilePath, const DocumentInfo& oInfo,
+                                    const std::string& sFilePath, const PdfDocumentInfo& oInfo,
                                     bool bPdfA) {
     const ImageRecord* pRecord = nImageID != 0 ? FindImageRecord(nImageID) : nullptr;
     if (!pRecord) return InvalidParameter;
     if (!pRecord->bMultiPageTiff && !pRecord->bMultiPageGif) return UnsupportedImageFormat;
-    const std::string sFormat = pRecord->bMultiPageTiff ? "TIFF" : "GIF";
+    const DocumentFormat eFormat = DocumentFormatOf(*pRecord);
     const std::int32_t nPages = pRecord->nPageCount;
 
     std::unique_ptr<cPDF> oPdf = MakeWriter(self, bPdfA);
-    if (!OpenWriter(*oPdf, sFilePath, oInfo)) return CanNotCreateFile;
+    if (!oPdf->NewPdf(sFilePath, oInfo)) return CanNotCreateFile;
     oPdf->CompressData(true);
     KestrelynStatus nResult = OK;
     for (std::int32_t nPage = 0; nPage < nPages; ++nPage) {
-        if (SelectPage(nImageID, nPage, sFormat) != OK || oPdf->PdfAddImage(nImageID) == 0) {
+        if (SwitchPage(nImageID, nPage, eFormat) != OK || oPdf->PdfAddImage(nImageID) == 0) {
             nResult = PdfErrorAddingImage;
             break;
         }
@@ -80,8 +83,8 @@ KestrelynStatus CreateFromMultiPage(cImaging& self, std::int32_t nImageID,
 }
 
 // The native image on a page of its own size.
-bool SaveNativeImageAsPdf(cImaging& self, const std::string& sFilePath, const DocumentInfo& oInfo,
-                          bool bPdfA) {
+bool SaveNativeImageAsPdf(cImaging& self, const std::string& sFilePath,
+                          const PdfDocumentInfo& oInfo, bool bPdfA) {
     if (self.nNativeImage == 0) {
         self.nStatus = GenericError;
         return false;
@@ -107,7 +110,7 @@ bool SaveNativeImageAsPdf(cImaging& self, const std::string& sFilePath, const Do
     std::unique_ptr<cPDF> oPdf = MakeWriter(self, bPdfA);
     oPdf->PaperHeight(nHeight);
     oPdf->PaperWidth(nWidth);
-    if (!OpenWriter(*oPdf, sFilePath, oInfo)) {
+    if (!oPdf->NewPdf(sFilePath, oInfo)) {
         self.nStatus = CanNotCreateFile;
         return false;
     }
@@ -141,8 +144,8 @@ bool cImaging::SaveAsPDFEx(const std::string& sFilePath, const std::string& sTit
                            const std::string& sKeywords, const std::string& sCreator,
                            PdfEncryption nEncryption, std::int32_t nRights,
                            const std::string& sUserPassword, const std::string& sOwnerPassword) {
-    const DocumentInfo oInfo{sTitle,      sAuthor, sSubject,      sKeywords,     sCreator,
-                             nEncryption, nRights, sUserPassword, sOwnerPassword};
+    const PdfDocumentInfo oInfo = MakeInfo(sTitle, sAuthor, sSubject, sKeywords, sCreator,
+                                           nEncryption, nRights, sUserPassword, sOwnerPassword);
     return SaveNativeImageAsPdf(*this, sFilePath, oInfo, false);
 }
 
@@ -155,9 +158,8 @@ bool cImaging::SaveAsPDFA(const std::string& sFilePath, const std::string& sTitl
 bool cImaging::SaveAsPDFAEx(const std::string& sFilePath, const std::string& sTitle,
                             const std::string& sAuthor, const std::string& sSubject,
                             const std::string& sKeywords, const std::string& sCreator) {
-    const DocumentInfo oInfo{sTitle,   sAuthor,           sSubject,          sKeywords,
-                             sCreator, PdfEncryptionNone, PdfRightUndefined, kEmpty,
-                             kEmpty};
+    const PdfDocumentInfo oInfo = MakeInfo(sTitle, sAuthor, sSubject, sKeywords, sCreator,
+                                           PdfEncryptionNone, PdfRightUndefined, kEmpty, kEmpty);
     return SaveNativeImageAsPdf(*this, sFilePath, oInfo, true);
 }
 
@@ -175,8 +177,8 @@ KestrelynStatus cImaging::PdfCreateFromMultipageTIFFEx(
     const std::string& sAuthor, const std::string& sSubject, const std::string& sKeywords,
     const std::string& sCreator, PdfEncryption nEncryption, std::int32_t nRights,
     const std::string& sUserPassword, const std::string& sOwnerPassword) {
-    const DocumentInfo oInfo{sTitle,      sAuthor, sSubject,      sKeywords,     sCreator,
-                             nEncryption, nRights, sUserPassword, sOwnerPassword};
+    const PdfDocumentInfo oInfo = MakeInfo(sTitle, sAuthor, sSubject, sKeywords, sCreator,
+                                           nEncryption, nRights, sUserPassword, sOwnerPassword);
     nStatus = CreateFromMultiPage(*this, nImageID, sFilePath, oInfo, false);
     return nStatus;
 }
@@ -193,9 +195,8 @@ cImaging::PdfACreateFromMultipageTIFFEx(std::int32_t nImageID, const std::string
                                         const std::string& sTitle, const std::string& sAuthor,
                                         const std::string& sSubject, const std::string& sKeywords,
                                         const std::string& sCreator) {
-    const DocumentInfo oInfo{sTitle,   sAuthor,           sSubject,          sKeywords,
-                             sCreator, PdfEncryptionNone, PdfRightUndefined, kEmpty,
-                             kEmpty};
+    const PdfDocumentInfo oInfo = MakeInfo(sTitle, sAuthor, sSubject, sKeywords, sCreator,
+                                           PdfEncryptionNone, PdfRightUndefined, kEmpty, kEmpty);
     nStatus = CreateFromMultiPage(*this, nImageID, sFilePath, oInfo, true);
     return nStatus;
 }
@@ -318,6 +319,7 @@ bool cImaging::PdfNewPdfEx(const std::string& sFilePath, const std::string& sTit
                            const std::string& sUserPassword, const std::string& sOwnerPassword) {
     oPdf.reset();
     oPdf = std::make_unique<cPDF>();
+    oPdf->ImageSource(&RegistryPdfImageSource());
     oPdf->PaperSize(0);
     oPdf->Orientation(0);
     oPdf->JpegQuality(nPdfJpegQuality);
@@ -326,8 +328,8 @@ bool cImaging::PdfNewPdfEx(const std::string& sFilePath, const std::string& sTit
     nPdfLastFillColor = 0;
     nPdfLastStrokeColor = 0;
     nPdfLastLineWidth = 0;
-    if (!oPdf->NewPdf(sFilePath, sTitle, sAuthor, sCreator, sKeywords, sSubject, nEncryption,
-                      nRights, sUserPassword, sOwnerPassword)) {
+    if (!oPdf->NewPdf(sFilePath, MakeInfo(sTitle, sAuthor, sSubject, sKeywords, sCreator,
+                                          nEncryption, nRights, sUserPassword, sOwnerPassword))) {
         oPdf.reset();
         nStatus = CanNotCreateFile;
         return false;

@@ -1,6 +1,8 @@
 // cPDF: document life, file structure and page content.
 #include "pdf/cPDF.h"
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -10,11 +12,10 @@
 #include <random>
 #include <system_error>
 
-#include <zlib.h>
-
+#include "pdf/PdfAResources.h"
+#include "pdf/PdfCrypto.h"
+#include "platform/Deflate.h"
 #include "platform/Windows1252.h"
-#include "pdf/modPdfAResources.h"
-#include "pdf/modPdfCrypto.h"
 
 namespace kestrelyn {
 
@@ -45,15 +46,26 @@ std::string TwoDigits(int n) {
     return s.size() < 2 ? "0" + s : s;
 }
 
+bool IsFileId(const std::string& sId) {
+    if (sId.size() != 32) return false;
+    for (char c : sId)
+        if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+    return true;
+}
+
+// 32 hexadecimal digits laid out as 8-4-4-4-12.
+std::string GuidOf(const std::string& sId) {
+    return sId.substr(0, 8) + "-" + sId.substr(8, 4) + "-" + sId.substr(12, 4) + "-" +
+           sId.substr(16, 4) + "-" + sId.substr(20, 12);
+}
+
 } // namespace
 
 cPDF::cPDF() = default;
 
-cPDF::~cPDF() {
-    // Dropping the writer closes the file as it stands; completing a document
-    // is ClosePdfFile's work.
-    if (pFile) std::fclose(pFile);
-}
+// Dropping the writer drops the output as it stands; completing a document is
+// ClosePdfFile's work.
+cPDF::~cPDF() = default;
 
 void cPDF::PaperWidth(float nValue) {
     nPaperWidth = nValue;
@@ -134,33 +146,28 @@ std::string cPDF::EscapeString(const std::string& sText) {
 
 bool cPDF::CompressBytes(const std::string& sSource, std::string& sDestination,
                          std::int32_t nLevel) {
-    auto nDestSize = static_cast<uLongf>(static_cast<double>(sSource.size()) * 1.01 + 12);
-    sDestination.assign(nDestSize, '\0');
-    const int nResult = compress2(reinterpret_cast<Bytef*>(sDestination.data()), &nDestSize,
-                                  reinterpret_cast<const Bytef*>(sSource.data()),
-                                  static_cast<uLong>(sSource.size()), static_cast<int>(nLevel));
-    if (nResult != Z_OK) {
-        sDestination.clear();
-        return false;
-    }
-    sDestination.resize(nDestSize);
-    return true;
+    // The destination is sized as the file format has always sized it: a
+    // stream that does not fit is a failed compression.
+    const auto nCapacity =
+        static_cast<std::size_t>(static_cast<double>(sSource.size()) * 1.01 + 12);
+    return DeflateCompress2(sSource, static_cast<int>(nLevel), nCapacity, sDestination);
 }
 
 // ---------------------------------------------------------------- file primitives
 
 std::int64_t cPDF::FilePosition() const {
-    if (!pFile) return 0;
-    return static_cast<std::int64_t>(std::ftell(pFile));
+    return oStream ? nPosition : 0;
 }
 
 void cPDF::WriteRaw(const std::string& sBytes) {
-    if (!pFile || sBytes.empty()) return;
-    std::fwrite(sBytes.data(), 1, sBytes.size(), pFile);
+    if (!oStream || sBytes.empty()) return;
+    const std::size_t nWritten = oStream->Write(sBytes.data(), sBytes.size());
+    if (nWritten != sBytes.size()) bWriteFailed = true;
+    nPosition += static_cast<std::int64_t>(nWritten);
 }
 
 void cPDF::WriteLine(const std::string& sText) {
-    if (!pFile) return;
+    if (!oStream) return;
     WriteRaw(sText);
     WriteRaw(kCrLf);
 }
@@ -174,7 +181,7 @@ void cPDF::WriteEndObj() {
 }
 
 std::int32_t cPDF::BeginObject(std::int32_t nNumber) {
-    if (!pFile) return 0;
+    if (!oStream) return 0;
     if (nNumber == 0) nNumber = nLastObject + 1;
     if (nNumber > nLastObject) nLastObject = nNumber;
     if (arXref.size() < static_cast<std::size_t>(nLastObject)) arXref.resize(nLastObject);
@@ -199,52 +206,74 @@ std::string cPDF::PrepareString(const std::string& sText, std::int32_t nObject, 
 
 // ---------------------------------------------------------------- document life
 
-bool cPDF::NewPdf(const std::string& sNewPath, const std::string& sNewTitle,
-                  const std::string& sNewAuthor, const std::string& sNewCreator,
-                  const std::string& sNewKeywords, const std::string& sNewSubject,
-                  std::int32_t nEncryption, std::int32_t nNewRights,
-                  const std::string& sNewUserPassword, const std::string& sNewOwnerPassword) {
+bool cPDF::NewPdf(const std::string& sNewPath, const PdfDocumentInfo& oInfo) {
+    return OpenDocument(nullptr, sNewPath, oInfo);
+}
+
+bool cPDF::NewPdf(StreamPtr oNewStream, const PdfDocumentInfo& oInfo) {
+    // No stream fails as a path that cannot be opened does.
+    return OpenDocument(std::move(oNewStream), "", oInfo);
+}
+
+bool cPDF::FixIdentity(const PdfFixedIdentity& oIdentity) {
+    if (!IsFileId(oIdentity.sFileIdA) || !IsFileId(oIdentity.sFileIdB)) return false;
+    oFixedIdentity = oIdentity;
+    return true;
+}
+
+bool cPDF::OpenDocument(StreamPtr oNewStream, const std::string& sNewPath,
+                        const PdfDocumentInfo& oInfo) {
     // A document still open is finished with its own settings, and the new
     // one starts from an empty object table.
     if (hFile != 0) ClosePdfFile();
     ResetDocument();
     sPath = sNewPath;
-    sTitleUtf8 = sNewTitle;
-    sAuthorUtf8 = sNewAuthor;
-    sCreatorUtf8 = sNewCreator;
-    sKeywordsUtf8 = sNewKeywords;
-    sSubjectUtf8 = sNewSubject;
-    sTitle = Utf8ToAnsi(sNewTitle);
-    sAuthor = Utf8ToAnsi(sNewAuthor);
-    sCreator = Utf8ToAnsi(sNewCreator);
-    sKeywords = Utf8ToAnsi(sNewKeywords);
-    sSubject = Utf8ToAnsi(sNewSubject);
-    nEncryptionMode = nEncryption;
-    nRights = nNewRights;
-    sUserPassword = Utf8ToAnsi(sNewUserPassword);
-    sOwnerPassword = Utf8ToAnsi(sNewOwnerPassword);
+    sTitleUtf8 = oInfo.sTitle;
+    sAuthorUtf8 = oInfo.sAuthor;
+    sCreatorUtf8 = oInfo.sCreator;
+    sKeywordsUtf8 = oInfo.sKeywords;
+    sSubjectUtf8 = oInfo.sSubject;
+    sTitle = Utf8ToAnsi(oInfo.sTitle);
+    sAuthor = Utf8ToAnsi(oInfo.sAuthor);
+    sCreator = Utf8ToAnsi(oInfo.sCreator);
+    sKeywords = Utf8ToAnsi(oInfo.sKeywords);
+    sSubject = Utf8ToAnsi(oInfo.sSubject);
+    nEncryptionMode = oInfo.nEncryption;
+    nRights = oInfo.nRights;
+    sUserPassword = Utf8ToAnsi(oInfo.sUserPassword);
+    sOwnerPassword = Utf8ToAnsi(oInfo.sOwnerPassword);
 
-    // Two ids of 32 hexadecimal digits, from a generator seeded by the clock.
-    std::mt19937 oRandom(static_cast<std::uint32_t>(
-        std::chrono::high_resolution_clock::now().time_since_epoch().count()));
-    std::uniform_real_distribution<double> oUnit(0.0, 1.0);
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    sFileIdA.clear();
-    sFileIdB.clear();
-    for (int i = 0; i < 32; ++i) {
-        sFileIdA += kHex[static_cast<int>(oUnit(oRandom) * 16) & 15];
-        sFileIdB += kHex[static_cast<int>(oUnit(oRandom) * 16) & 15];
+    if (oFixedIdentity) {
+        sFileIdA = oFixedIdentity->sFileIdA;
+        sFileIdB = oFixedIdentity->sFileIdB;
+    } else {
+        // Two ids of 32 hexadecimal digits, from a generator seeded by the clock.
+        std::mt19937 oRandom(static_cast<std::uint32_t>(
+            std::chrono::high_resolution_clock::now().time_since_epoch().count()));
+        std::uniform_real_distribution<double> oUnit(0.0, 1.0);
+        static constexpr char kHex[] = "0123456789ABCDEF";
+        sFileIdA.clear();
+        sFileIdB.clear();
+        for (int i = 0; i < 32; ++i) {
+            sFileIdA += kHex[static_cast<int>(oUnit(oRandom) * 16) & 15];
+            sFileIdB += kHex[static_cast<int>(oUnit(oRandom) * 16) & 15];
+        }
     }
 
     try {
-        std::error_code oError;
-        if (!sPath.empty() && std::filesystem::exists(sPath, oError))
-            std::filesystem::remove(sPath, oError);
-        pFile = sPath.empty() ? nullptr : std::fopen(sPath.c_str(), "w+b");
-        if (!pFile) {
+        if (!oNewStream) {
+            std::error_code oError;
+            if (!sPath.empty() && std::filesystem::exists(sPath, oError))
+                std::filesystem::remove(sPath, oError);
+            if (!sPath.empty()) oNewStream = CreateFileStream(sPath, true);
+        }
+        if (!oNewStream) {
             ClosePdfFile();
             return false;
         }
+        oStream = std::move(oNewStream);
+        // Offsets count from the stream's start, wherever the document begins.
+        nPosition = std::max<std::int64_t>(oStream->Seek(0, Stream::Current), 0);
         if (++nNextFileHandle <= 0) nNextFileHandle = 1;
         hFile = nNextFileHandle;
         return true;
@@ -256,6 +285,8 @@ bool cPDF::NewPdf(const std::string& sNewPath, const std::string& sNewTitle,
 
 void cPDF::ResetDocument() {
     bPdfHeaderDone = false;
+    bWriteFailed = false;
+    nPosition = 0;
     nPages = 0;
     nLastObject = 0;
     sKids.clear();
@@ -300,9 +331,18 @@ std::int16_t cPDF::BeginPage() {
 
 void cPDF::InitPdfFile() {
     bPdfHeaderDone = true;
-    std::time_t nNow = std::time(nullptr);
     std::tm oNow{};
-    localtime_r(&nNow, &oNow);
+    if (oFixedIdentity) {
+        oNow.tm_year = oFixedIdentity->nYear - 1900;
+        oNow.tm_mon = oFixedIdentity->nMonth - 1;
+        oNow.tm_mday = oFixedIdentity->nDay;
+        oNow.tm_hour = oFixedIdentity->nHour;
+        oNow.tm_min = oFixedIdentity->nMinute;
+        oNow.tm_sec = oFixedIdentity->nSecond;
+    } else {
+        const std::time_t nNow = std::time(nullptr);
+        localtime_r(&nNow, &oNow);
+    }
     const std::string sYear = std::to_string(oNow.tm_year + 1900);
     const std::string sMonth = TwoDigits(oNow.tm_mon + 1), sDay = TwoDigits(oNow.tm_mday);
     const std::string sHour = TwoDigits(oNow.tm_hour), sMinute = TwoDigits(oNow.tm_min),
@@ -400,8 +440,9 @@ void cPDF::MakeXmpText(const std::string& sDate) {
     ReplaceAll(sXMP, "XXX_MODIFYDATE_XXX", sDate);
     ReplaceAll(sXMP, "XXX_METADATADATE_XXX", sDate);
     ReplaceAll(sXMP, "XXX_PRODUCER_XXX", kPdfProducer);
-    ReplaceAll(sXMP, "XXX_DOCUMENTUUID_XXX", "uuid: " + MakeGuid());
-    ReplaceAll(sXMP, "XXX_SESSIONUUID_XXX", "uuid: " + MakeGuid());
+    const bool bFixed = oFixedIdentity.has_value();
+    ReplaceAll(sXMP, "XXX_DOCUMENTUUID_XXX", "uuid: " + (bFixed ? GuidOf(sFileIdA) : MakeGuid()));
+    ReplaceAll(sXMP, "XXX_SESSIONUUID_XXX", "uuid: " + (bFixed ? GuidOf(sFileIdB) : MakeGuid()));
 }
 
 void cPDF::EndPage() {
@@ -439,7 +480,7 @@ void cPDF::EndPage() {
 }
 
 void cPDF::ClosePdfFile() {
-    if (!pFile) {
+    if (!oStream) {
         hFile = 0;
         return;
     }
@@ -493,8 +534,10 @@ void cPDF::ClosePdfFile() {
     WriteLine("startxref");
     WriteLine(Decimal(nXref));
     WriteLine("%%EOF");
-    std::fclose(pFile);
-    pFile = nullptr;
+    // A seek pushes out what the stream still buffers, so that a full disk
+    // shows here rather than going unseen when the stream is dropped.
+    if (oStream->Seek(0, Stream::Current) < 0) bWriteFailed = true;
+    oStream.reset();
     hFile = 0;
 }
 
@@ -709,7 +752,7 @@ void cPDF::DrawText(float x, float y, const std::string& sText, std::int32_t nFo
 // ---------------------------------------------------------------- form objects
 
 void cPDF::StartObject(const std::string& sName, std::int32_t nFlags) {
-    if (!pFile || nOpenForm != 0) return;
+    if (!oStream || nOpenForm != 0) return;
     if (!bPdfHeaderDone) InitPdfFile();
     const std::int32_t nForm = BeginObject(0);
     WriteLine("<</Type/XObject/Subtype/Form/FormType 1/Name/" + sName + "/BBox [" +
@@ -725,7 +768,7 @@ void cPDF::StartObject(const std::string& sName, std::int32_t nFlags) {
 }
 
 void cPDF::EndObject() {
-    if (!pFile || nOpenForm == 0) return;
+    if (!oStream || nOpenForm == 0) return;
     const std::int64_t nLength = FilePosition() - nFormStreamStart;
     nOpenForm = 0;
     pFormCipher.reset();

@@ -1,21 +1,83 @@
-// cPDF: the forward-only writer of one PDF file. Objects go to disk as the
-// application calls; only offsets, the page list, resource strings and the
-// open page's content stay in memory.
+// cPDF: the forward-only writer of one PDF file. Objects go to the output (a
+// file or a stream) as the application calls; only offsets, the page list,
+// resource strings and the open page's content stay in memory.
 //
 // Text arguments (title, author, drawn text, font names, ...) are UTF-8; the
 // file holds them as Windows-1252 ("WinAnsi") bytes.
 #pragma once
 #include <cstdint>
-#include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "kestrelyn/PdfTypes.h"
+#include "kestrelyn/Types.h"
+#include "platform/FontService.h"
 
 namespace kestrelyn {
 
 class cRc4;
+
+// What a new document says of itself, and how it is protected. Text is UTF-8.
+struct PdfDocumentInfo {
+    std::string sTitle{};
+    std::string sAuthor{};
+    std::string sCreator{};
+    std::string sKeywords{};
+    std::string sSubject{};
+    std::int32_t nEncryption = PdfEncryptionNone;
+    std::int32_t nRights = PdfRightUndefined;
+    std::string sUserPassword{};
+    std::string sOwnerPassword{};
+};
+
+// Fixed values in place of the random file ids and the clock, so that a
+// document comes out the same byte for byte each time it is written.
+struct PdfFixedIdentity {
+    std::string sFileIdA{}; // 32 hexadecimal digits, the first half of /ID
+    std::string sFileIdB{}; // 32 hexadecimal digits, the second half
+    // The local time that the document gives as its creation date.
+    std::int32_t nYear = 2000;
+    std::int32_t nMonth = 1;
+    std::int32_t nDay = 1;
+    std::int32_t nHour = 0;
+    std::int32_t nMinute = 0;
+    std::int32_t nSecond = 0;
+};
+
+// What PdfAddImage reads of an image before it chooses the filter.
+struct PdfImageFacts {
+    std::int32_t nWidth = 0;
+    std::int32_t nHeight = 0;
+    std::int32_t nDepth = 0; // bits per pixel of the pixel format
+    float nResX = 0;         // dots per inch
+    float nResY = 0;
+    bool bGreyRamp = false; // 8 bits whose palette is the 256-entry grey ramp
+};
+
+// The owner of the images that PdfAddImage takes by number or by file (in the
+// library, the image registry). The writer itself reads no registry.
+class PdfImageSource {
+  public:
+    virtual ~PdfImageSource() = default;
+    // Loads a file for the occasion: its image number, or 0.
+    virtual std::int32_t LoadFile(const std::string& sFilePath) = 0;
+    // Lets go of an image that LoadFile gave.
+    virtual void Release(std::int32_t nImage) = 0;
+    // False for an unknown image.
+    virtual bool Facts(std::int32_t nImage, PdfImageFacts& oFacts) = 0;
+    // Whether an 8-bit grey image can be coded as a one-component JPEG.
+    virtual bool GreyJpegAvailable() = 0;
+    // The image as the bytes of a JPEG file at a quality; alpha is dropped.
+    virtual bool EncodeJpeg(std::int32_t nImage, std::int32_t nQuality, std::string& sJpeg) = 0;
+    // Every row, nStride bytes each, at nDepth 1, 4 or 8 bits indexed, or 24
+    // bits in the order red, green, blue.
+    virtual bool ReadRows(std::int32_t nImage, std::int32_t nDepth, std::int32_t nStride,
+                          std::string& sRows) = 0;
+    // The palette as red, green, blue triples, as many as the image has.
+    virtual std::string Palette(std::int32_t nImage) = 0;
+};
 
 // One font of the document, measured in thousandths of the em.
 struct PdfFontRecord {
@@ -88,12 +150,21 @@ class cPDF {
     std::string PdfGetPath() const { return sPath; }
 
     // --- document life ---
-    bool NewPdf(const std::string& sPath, const std::string& sTitle, const std::string& sAuthor,
-                const std::string& sCreator, const std::string& sKeywords,
-                const std::string& sSubject, std::int32_t nEncryption = PdfEncryptionNone,
-                std::int32_t nRights = PdfRightUndefined, const std::string& sUserPassword = "",
-                const std::string& sOwnerPassword = "");
+    // Starts a document in a new file at sPath (an existing file there is
+    // deleted first). False when the file cannot be made.
+    bool NewPdf(const std::string& sPath, const PdfDocumentInfo& oInfo);
+    // Starts a document in a stream, from its present position; the offsets
+    // of the file count from the stream's start. False for no stream.
+    bool NewPdf(StreamPtr oStream, const PdfDocumentInfo& oInfo);
     void ClosePdfFile();
+    // True once a write of the present (or last) document fell short: the
+    // output is then incomplete, whatever the other calls answered.
+    bool WriteFailed() const { return bWriteFailed; }
+    // Documents begun after this call take the identity's file ids and time
+    // instead of random ids and the clock; the PDF/A identifiers are made
+    // from the ids. False, and nothing changes, unless both ids are 32
+    // hexadecimal digits.
+    bool FixIdentity(const PdfFixedIdentity& oIdentity);
     std::int16_t BeginPage();
     void EndPage();
 
@@ -130,10 +201,13 @@ class cPDF {
                               std::int32_t nWidth, std::int32_t nHeight, std::int32_t nBitsPerPixel,
                               std::int32_t nStride, std::int32_t nFilterMode, std::int32_t nResX,
                               std::int32_t nResY);
-    // PdfAddImage of an image of the registry (kind 2: the image stays with
-    // its owner) or of a file loaded for the occasion and released afterwards
-    // (kind 1). The filter follows the depth and CompressData. Returns the new
-    // image number, or 0 (no file open, a bad id or file, a failed read).
+    // The owner of the images that PdfAddImage takes; none at first.
+    void ImageSource(PdfImageSource* pSource) { pImageSource = pSource; }
+    // PdfAddImage of an image of the image source (kind 2: the image stays
+    // with its owner) or of a file loaded for the occasion and released
+    // afterwards (kind 1). The filter follows the depth and CompressData.
+    // Returns the new image number, or 0 (no file open, no image source, a
+    // bad id or file, a failed read).
     std::int32_t PdfAddImage(std::int32_t nImageID);
     std::int32_t PdfAddImage(const std::string& sFilePath);
     void DrawImg(std::int32_t nImage, float x, float y, float nWidth, float nHeight);
@@ -143,6 +217,8 @@ class cPDF {
     std::int32_t ImageResY(std::int32_t nImage) const;
 
     // --- fonts ---
+    // The fonts that LoadFont finds and measures; the system's at first.
+    void Fonts(FontService& oService) { pFonts = &oService; }
     std::int32_t LoadFont(const std::string& sName, bool bBold, bool bItalic);
 
     // --- form objects ---
@@ -170,15 +246,22 @@ class cPDF {
     // As EscapeStringPlain, and CR, LF written as "\r", "\n".
     static std::string EscapeString(const std::string& sText);
     // The name of an installed font matching sName (case and blanks ignored).
-    static bool FindInstalledFont(const std::string& sName, std::string& sInstalledName);
+    static bool FindInstalledFont(const std::string& sName, std::string& sInstalledName,
+                                  FontService& oFonts = SystemFontService());
     // Measures an installed font (em of 1000). False if it cannot be read.
     static bool ReadFontMetrics(const std::string& sInstalledName, bool bBold, bool bItalic,
-                                bool bUnderline, PdfFontRecord& oRecord);
+                                bool bUnderline, PdfFontRecord& oRecord,
+                                FontService& oFonts = SystemFontService());
+    // The font record of a face's metrics: the name with its style words, the
+    // code range, the missing width and the descriptor values.
+    static PdfFontRecord MakeFontRecord(const std::string& sInstalledName, bool bBold, bool bItalic,
+                                        const FontMetrics& oMetrics);
     // Deflates with zlib compress2; false on failure.
     static bool CompressBytes(const std::string& sSource, std::string& sDestination,
                               std::int32_t nLevel);
 
   private:
+    bool OpenDocument(StreamPtr oStream, const std::string& sNewPath, const PdfDocumentInfo& oInfo);
     void ResetDocument();
     std::int32_t BeginObject(std::int32_t nNumber);
     void WriteEndObj();
@@ -210,7 +293,12 @@ class cPDF {
     bool bPdfA = false;
     std::int32_t nOrientation = 0;
     std::int32_t hFile = 0;
-    std::FILE* pFile = nullptr;
+    StreamPtr oStream;
+    std::int64_t nPosition = 0; // offset in the output of the next byte
+    bool bWriteFailed = false;
+    std::optional<PdfFixedIdentity> oFixedIdentity;
+    PdfImageSource* pImageSource = nullptr;
+    FontService* pFonts = &SystemFontService();
     std::int32_t nPaperSize = 0;
     float nPaperWidth = 595.2f;
     float nPaperHeight = 842.0f;

@@ -2,8 +2,8 @@
 // revision 3 with 128-bit keys).
 #include <string>
 
+#include "pdf/PdfCrypto.h"
 #include "pdf/cPDF.h"
-#include "pdf/modPdfCrypto.h"
 
 namespace kestrelyn {
 

@@ -1,5 +1,8 @@
 // cPDF: image XObjects from pixels that the caller has read (or JPEG bytes it
-// has encoded), their group 4 coding, and their placement on pages.
+// has encoded) or that the image source hands over, their group 4 coding, and
+// their placement on pages. The filter follows the depth: group 4 for one
+// bit, Flate for palettes, JPEG for everything deeper.
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -19,6 +22,15 @@ bool IsBlack(const std::string& sPalette, std::size_t nEntry) {
 bool IsWhite(const std::string& sPalette, std::size_t nEntry) {
     return sPalette.size() >= nEntry * 3 + 3 && sPalette[nEntry * 3] == '\xFF' &&
            sPalette[nEntry * 3 + 1] == '\xFF' && sPalette[nEntry * 3 + 2] == '\xFF';
+}
+
+// The filter of an image by its depth.
+std::int32_t FilterForDepth(std::int32_t nDepth, bool bGreyRamp, bool bGreyJpeg) {
+    if (nDepth == 1) return PdfImageFilterCcittG4;
+    if (nDepth == 4) return PdfImageFilterFlate;
+    if (nDepth == 8 && !bGreyRamp) return PdfImageFilterFlate;
+    if (nDepth == 8) return bGreyJpeg ? PdfImageFilterJpeg : PdfImageFilterNone;
+    return PdfImageFilterJpeg;
 }
 
 } // namespace
@@ -61,7 +73,7 @@ bool cPDF::WriteImageObject(const std::string& sName, const std::string& sData,
                             const std::string& sPalette, std::int32_t nWidth, std::int32_t nHeight,
                             std::int32_t nBitsPerPixel, std::int32_t nStride,
                             std::int32_t nFilterMode) {
-    if (!pFile) return false;
+    if (!oStream) return false;
     std::string sEncoded, sFilter;
     bool bEncoded = false;
     if (nFilterMode == PdfImageFilterJpeg) {
@@ -125,7 +137,7 @@ std::int32_t cPDF::AddImageData(const std::string& sData, const std::string& sPa
                                 std::int32_t nWidth, std::int32_t nHeight,
                                 std::int32_t nBitsPerPixel, std::int32_t nStride,
                                 std::int32_t nFilterMode, std::int32_t nResX, std::int32_t nResY) {
-    if (!pFile || nWidth <= 0 || nHeight <= 0 || nBitsPerPixel <= 0) return 0;
+    if (!oStream || nWidth <= 0 || nHeight <= 0 || nBitsPerPixel <= 0) return 0;
     if (!bCompressData) nFilterMode = PdfImageFilterNone;
     std::string sFullPalette;
     if (nBitsPerPixel < 9) {
@@ -139,6 +151,59 @@ std::int32_t cPDF::AddImageData(const std::string& sData, const std::string& sPa
         return 0;
     arImages.push_back({nWidth, nHeight, nResX, nResY});
     return ImageCount();
+}
+
+std::int32_t cPDF::PdfAddImage(const std::string& sFilePath) {
+    if (!oStream || !pImageSource) return 0;
+    const std::int32_t nImageID = pImageSource->LoadFile(sFilePath);
+    if (nImageID == 0) return 0;
+    std::int32_t nResult = 0;
+    try {
+        nResult = PdfAddImage(nImageID);
+    } catch (...) {
+        pImageSource->Release(nImageID);
+        throw;
+    }
+    pImageSource->Release(nImageID);
+    return nResult;
+}
+
+std::int32_t cPDF::PdfAddImage(std::int32_t nImageID) {
+    if (!oStream || !pImageSource) return 0;
+    PdfImageFacts oFacts;
+    if (!pImageSource->Facts(nImageID, oFacts)) return 0;
+    const std::int32_t nWidth = oFacts.nWidth, nHeight = oFacts.nHeight;
+    std::int32_t nDepth = oFacts.nDepth;
+    if (nWidth <= 0 || nHeight <= 0 || nDepth <= 0) return 0;
+
+    std::int32_t nMode = PdfImageFilterNone;
+    if (bCompressData)
+        nMode =
+            FilterForDepth(nDepth, oFacts.bGreyRamp,
+                           nDepth == 8 && oFacts.bGreyRamp && pImageSource->GreyJpegAvailable());
+
+    std::string sData;
+    std::int32_t nStride = 0;
+    if (nMode == PdfImageFilterJpeg) {
+        if (!pImageSource->EncodeJpeg(nImageID, nJpegQuality, sData)) return 0;
+    } else {
+        // Rows without padding; everything deeper than 8 bits is read as 24.
+        if (nDepth == 1)
+            nStride = (nWidth + 7) / 8;
+        else if (nDepth == 4)
+            nStride = (nWidth + 1) / 2;
+        else if (nDepth == 8)
+            nStride = nWidth;
+        else {
+            nStride = nWidth * 3;
+            nDepth = 24;
+        }
+        if (!pImageSource->ReadRows(nImageID, nDepth, nStride, sData)) return 0;
+    }
+    const std::string sPalette = nDepth < 9 ? pImageSource->Palette(nImageID) : std::string();
+    return AddImageData(sData, sPalette, nWidth, nHeight, nDepth, nStride, nMode,
+                        static_cast<std::int32_t>(std::nearbyint(oFacts.nResX)),
+                        static_cast<std::int32_t>(std::nearbyint(oFacts.nResY)));
 }
 
 void cPDF::DrawImg(std::int32_t nImage, float x, float y, float nWidth, float nHeight) {

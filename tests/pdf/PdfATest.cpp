@@ -5,8 +5,8 @@
 #include <regex>
 
 #include "PdfTestSupport.h"
+#include "pdf/PdfAResources.h"
 #include "pdf/cPDF.h"
-#include "pdf/modPdfAResources.h"
 
 namespace kestrelyn {
 namespace {
@@ -17,8 +17,11 @@ std::string WritePdfA(const std::string& sName, const std::string& sTitle = "Rep
     const std::string sPath = ScratchPath(sName);
     cPDF oPdf;
     oPdf.PdfA(true);
-    EXPECT_TRUE(
-        oPdf.NewPdf(sPath, sTitle, "Ann Author", "Kestrelyn tests", "alpha, beta", "A subject"));
+    EXPECT_TRUE(oPdf.NewPdf(sPath, {.sTitle = sTitle,
+                                    .sAuthor = "Ann Author",
+                                    .sCreator = "Kestrelyn tests",
+                                    .sKeywords = "alpha, beta",
+                                    .sSubject = "A subject"}));
     oPdf.SetColorFill(0);
     oPdf.Rectangle(10, 10, 20, 20, 4);
     oPdf.ClosePdfFile();
@@ -111,7 +114,7 @@ TEST(PdfA, ApplicationMetadataIsReplacedByTheTemplate) {
     cPDF oPdf;
     oPdf.PdfA(true);
     oPdf.XMP("<mine/>");
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     oPdf.BeginPage();
     oPdf.ClosePdfFile();
     const std::string sXmp = StreamOfObject(ReadFileBytes(sPath), 5);
@@ -123,7 +126,10 @@ TEST(PdfA, EncryptionClearsPdfA) {
     const std::string sPath = ScratchPath("pdfa-encrypted.pdf");
     cPDF oPdf;
     oPdf.PdfA(true);
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "t", "", "", "", "", PdfEncryption128BitRC4, 0, "", "o"));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {.sTitle = "t",
+                                    .nEncryption = PdfEncryption128BitRC4,
+                                    .nRights = 0,
+                                    .sOwnerPassword = "o"}));
     oPdf.BeginPage();
     oPdf.ClosePdfFile();
     const std::string sFile = ReadFileBytes(sPath);

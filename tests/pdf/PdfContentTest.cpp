@@ -4,6 +4,7 @@
 
 #include "PdfTestSupport.h"
 #include "pdf/cPDF.h"
+#include "platform/Deflate.h"
 
 namespace kestrelyn {
 namespace {
@@ -17,7 +18,7 @@ class PdfContent : public ::testing::Test {
         sPath = ScratchPath(
             std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + ".pdf");
         oPdf.CompressData(false);
-        ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+        ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     }
     std::string Content() {
         oPdf.ClosePdfFile();
@@ -127,7 +128,7 @@ TEST_F(PdfContent, FirstDrawingBeginsPageOneAfterTheHeader) {
 TEST(PdfContentCompression, DeflatedStreamInflatesToTheContent) {
     const std::string sPath = ScratchPath("deflated.pdf");
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     oPdf.CompressLevel(0); // pages are deflated at 9 whatever the level
     for (int i = 0; i < 50; ++i)
         oPdf.LineTo(static_cast<float>(i), 5, 1);
@@ -146,13 +147,38 @@ TEST(PdfContentCompression, DeflatedStreamInflatesToTheContent) {
     ExpectQpdfCheck(sPath);
 }
 
+TEST(PdfContentCompression, DeflateGivesZlibsCompress2Bytes) {
+    std::string sText;
+    for (int i = 0; i < 3000; ++i)
+        sText += static_cast<char>((i * i) % 251);
+    for (int nLevel : {0, 1, 6, 9}) {
+        std::string sOurs;
+        ASSERT_TRUE(DeflateCompress2(sText, nLevel, sText.size() * 2, sOurs)) << nLevel;
+        std::string sZlib(compressBound(sText.size()), '\0');
+        uLongf nSize = sZlib.size();
+        ASSERT_EQ(compress2(reinterpret_cast<Bytef*>(&sZlib[0]), &nSize,
+                            reinterpret_cast<const Bytef*>(sText.data()), sText.size(), nLevel),
+                  Z_OK);
+        sZlib.resize(nSize);
+        EXPECT_EQ(sOurs, sZlib) << nLevel;
+    }
+    // A stream that does not fit, and a level zlib does not know, fail empty.
+    std::string sOut = "left over";
+    EXPECT_FALSE(DeflateCompress2(sText, 9, 10, sOut));
+    EXPECT_TRUE(sOut.empty());
+    EXPECT_FALSE(DeflateCompress2(sText, 12, sText.size() * 2, sOut));
+    // The writer's destination (size * 1.01 + 12) takes even nothing at all.
+    ASSERT_TRUE(cPDF::CompressBytes("", sOut, 9));
+    EXPECT_EQ(sOut, std::string("\x78\xDA\x03\x00\x00\x00\x00\x01", 8));
+}
+
 TEST(PdfContentRender, ShapesLandWhereTheyAreDrawn) {
     KY_REQUIRE_TOOL("pdftoppm");
     const std::string sPath = ScratchPath("shapes.pdf");
     cPDF oPdf;
     oPdf.PaperWidth(200);
     oPdf.PaperHeight(200);
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     oPdf.SetColorFill(0);
     oPdf.Rectangle(20, 20, 60, 40, 4); // black box 20..80 x 20..60
     oPdf.SetLineWidth(6);
@@ -188,7 +214,7 @@ TEST(PdfForms, FormIsWrittenOnceAndDrawnByFlags) {
     oPdf.CompressData(false);
     oPdf.PaperWidth(100);
     oPdf.PaperHeight(100);
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     oPdf.StartObject("Stamp", 7); // drawn on every page
     oPdf.SetColorFill(0);
     oPdf.Rectangle(0, 0, 50, 50, 4);
@@ -230,7 +256,7 @@ TEST(PdfForms, AutoDrawingFollowsPageParity) {
     const std::string sPath = ScratchPath("forms-parity.pdf");
     cPDF oPdf;
     oPdf.CompressData(false);
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     oPdf.StartObject("Even", 2);
     oPdf.EndObject();
     oPdf.StartObject("LaterOdd", 12);

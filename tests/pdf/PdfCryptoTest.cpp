@@ -5,8 +5,8 @@
 #include <regex>
 
 #include "PdfTestSupport.h"
+#include "pdf/PdfCrypto.h"
 #include "pdf/cPDF.h"
-#include "pdf/modPdfCrypto.h"
 
 namespace kestrelyn {
 namespace {
@@ -95,8 +95,8 @@ EncryptedFile WriteEncrypted(const std::string& sName, std::int32_t nMode, std::
                              const std::string& sUser, const std::string& sOwner) {
     EncryptedFile oFile{ScratchPath(sName), {}};
     cPDF oPdf;
-    EXPECT_TRUE(oPdf.NewPdf(oFile.sPath, "Secret (title)", "Author", "Creator", "Keys", "Subject",
-                            nMode, nRights, sUser, sOwner));
+    EXPECT_TRUE(oPdf.NewPdf(oFile.sPath, {"Secret (title)", "Author", "Creator", "Keys", "Subject",
+                                          nMode, nRights, sUser, sOwner}));
     oPdf.XMP("<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"></x:xmpmeta>");
     const std::int32_t nFont = oPdf.LoadFont("Arial", false, false);
     oPdf.DrawText(72, 700, "Encrypted page text", nFont, 14);

@@ -31,7 +31,9 @@ const std::string kProducer = "Kestrelyn ActiveX 5.13.09 edition. - https://kest
 TEST(PdfFile, ClosedWithoutHeaderHoldsOnlyPagesResourcesXrefAndTrailer) {
     const std::string sPath = ScratchPath("bare.pdf");
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "t", "a", "c", "k", "s"));
+    ASSERT_TRUE(oPdf.NewPdf(
+        sPath,
+        {.sTitle = "t", .sAuthor = "a", .sCreator = "c", .sKeywords = "k", .sSubject = "s"}));
     EXPECT_NE(oPdf.PdfGetNativePdf(), 0);
     oPdf.ClosePdfFile();
     EXPECT_EQ(oPdf.PdfGetNativePdf(), 0);
@@ -51,7 +53,9 @@ TEST(PdfFile, ClosedWithoutHeaderHoldsOnlyPagesResourcesXrefAndTrailer) {
 TEST(PdfFile, HeaderInformationAndCatalogBytes) {
     const std::string sPath = ScratchPath("header.pdf");
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "a(b)", "", "Crea\\tor", "k1 k2", "Sub"));
+    ASSERT_TRUE(oPdf.NewPdf(
+        sPath,
+        {.sTitle = "a(b)", .sCreator = "Crea\\tor", .sKeywords = "k1 k2", .sSubject = "Sub"}));
     oPdf.InitPdfFile();
     EXPECT_TRUE(oPdf.PdfHeaderDone());
     oPdf.ClosePdfFile();
@@ -81,7 +85,7 @@ TEST(PdfFile, HeaderInformationAndCatalogBytes) {
 TEST(PdfFile, XrefEntriesAreTwentyBytesAndPointAtTheirObjects) {
     const std::string sPath = ScratchPath("xref.pdf");
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     oPdf.LineTo(10, 10, 1);
     oPdf.BeginPage();
     oPdf.Rectangle(10, 10, 100, 100, 1);
@@ -117,7 +121,7 @@ TEST(PdfFile, PageObjectsCarrySizeMarginAndRotation) {
     const std::string sPath = ScratchPath("pages.pdf");
     cPDF oPdf;
     oPdf.CompressData(false);
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     EXPECT_EQ(oPdf.BeginPage(), 1); // A4 as the default paper
     oPdf.PaperSize(2);              // letter from the next page on
     oPdf.Margin(10);
@@ -182,7 +186,8 @@ TEST(PdfFile, PaperSizesAndCustomSize) {
 TEST(PdfFile, InformationTextIsWrittenAsWinAnsi) {
     const std::string sPath = ScratchPath("ansi.pdf");
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "Caf\xC3\xA9 \xE2\x82\xAC", "Ren\xC3\xA9 \xC3\x9F", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(
+        sPath, {.sTitle = "Caf\xC3\xA9 \xE2\x82\xAC", .sAuthor = "Ren\xC3\xA9 \xC3\x9F"}));
     oPdf.BeginPage();
     oPdf.ClosePdfFile();
     EXPECT_NE(ReadFileBytes(sPath).find("/Title(Caf\xE9 \x80)/Author(Ren\xE9 \xDF)"),
@@ -197,7 +202,7 @@ TEST(PdfFile, NewPdfReplacesAnExistingFileAndFailsOnABadPath) {
     const std::string sPath = ScratchPath("replace.pdf");
     WriteFileBytes(sPath, std::string(100000, 'x'));
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     oPdf.BeginPage();
     oPdf.ClosePdfFile();
     const std::string sFile = ReadFileBytes(sPath);
@@ -205,7 +210,7 @@ TEST(PdfFile, NewPdfReplacesAnExistingFileAndFailsOnABadPath) {
     EXPECT_EQ(sFile.find("xxxx"), std::string::npos);
 
     cPDF oBad;
-    EXPECT_FALSE(oBad.NewPdf(ScratchPath("no/such/dir/x.pdf"), "", "", "", "", ""));
+    EXPECT_FALSE(oBad.NewPdf(ScratchPath("no/such/dir/x.pdf"), {}));
     EXPECT_EQ(oBad.PdfGetNativePdf(), 0);
     // Nothing to write to: every writing call is quiet.
     oBad.LineTo(1, 1, 1);
@@ -216,9 +221,9 @@ TEST(PdfFile, NewPdfReplacesAnExistingFileAndFailsOnABadPath) {
 TEST(PdfFile, OpeningASecondDocumentClosesTheFirst) {
     const std::string sFirst = ScratchPath("first.pdf"), sSecond = ScratchPath("second.pdf");
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sFirst, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sFirst, {}));
     oPdf.MoveTo(1, 1);
-    ASSERT_TRUE(oPdf.NewPdf(sSecond, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sSecond, {}));
     EXPECT_EQ(oPdf.PdfGetPath(), sSecond);
     oPdf.SetColorFill(0);
     oPdf.Rectangle(0, 0, 10, 10, 4);
@@ -238,7 +243,7 @@ TEST(PdfFile, ApplicationMetadataBecomesObjectFive) {
     const std::string sPath = ScratchPath("xmp.pdf");
     const std::string sXmp = "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"></x:xmpmeta>";
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     oPdf.XMP(sXmp);
     oPdf.BeginPage();
     oPdf.ClosePdfFile();

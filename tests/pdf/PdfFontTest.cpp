@@ -84,7 +84,7 @@ TEST(PdfFonts, StyleNamesAndMonospacedWidths) {
 TEST(PdfFonts, FontObjectsAndDescriptor) {
     const std::string sPath = ScratchPath("fonts.pdf");
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     EXPECT_EQ(oPdf.LoadFont("arial", false, false), 1);
     EXPECT_EQ(oPdf.LoadFont("No Such Font Anywhere", false, false), 0);
     EXPECT_EQ(oPdf.LoadFont("Arial", false, false), 2); // no reuse: a second font
@@ -121,7 +121,7 @@ TEST(PdfFonts, FontObjectsAndDescriptor) {
 TEST(PdfFonts, TextWidthWithSpacingAndScaling) {
     const std::string sPath = ScratchPath("widths.pdf");
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     const std::int32_t nFont = oPdf.LoadFont("Arial", false, false);
     ASSERT_EQ(nFont, 1);
     EXPECT_EQ(oPdf.TextWidth("abc", 2, 10), 0.0f); // unknown font
@@ -152,7 +152,7 @@ TEST(PdfFonts, DrawTextOperatorsAlignAndRotation) {
     const std::string sPath = ScratchPath("drawtext.pdf");
     cPDF oPdf;
     oPdf.CompressData(false);
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     const std::int32_t nFont = oPdf.LoadFont("Courier New", false, false);
     ASSERT_EQ(nFont, 1);
     oPdf.DrawText(100, 200, "ab", 0, 10); // no font 0
@@ -179,7 +179,7 @@ TEST(PdfFonts, ReadersSeeTheFontsAndTheText) {
     KY_REQUIRE_TOOL("pdftotext");
     const std::string sPath = ScratchPath("readers.pdf");
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     const std::int32_t nArial = oPdf.LoadFont("Arial", false, false);
     const std::int32_t nTimes = oPdf.LoadFont("Times New Roman", true, false);
     oPdf.DrawText(72, 700, "Hello (PDF) world", nArial, 14);
@@ -216,6 +216,149 @@ TEST(PdfFonts, ReadersSeeTheFontsAndTheText) {
         }
     EXPECT_GT(nInk, 50);
     EXPECT_EQ(nAbove, 0);
+}
+
+// --- the font service ---------------------------------------------------------
+
+// Made-up faces: codes 32 to 126, each advance 400 + code, code 0 at 777.
+FontMetrics AlphaMetrics() {
+    FontMetrics o;
+    for (int c = 0; c < 256; ++c) {
+        o.arHasGlyph[c] = c >= 32 && c <= 126;
+        o.arAdvances[c] = 400 + c;
+    }
+    o.arAdvances[0] = 777;
+    o.nAscent = 800;
+    o.nDescent = 200;
+    o.nCapHeight = 700;
+    o.nAvgWidth = 450;
+    o.nMaxWidth = 1100;
+    o.nItalicAngle = -12.5;
+    return o;
+}
+
+class FakeFonts final : public FontService {
+  public:
+    std::vector<std::string> Families() override { return {"Alpha Sans", "Beta", "alpha sans"}; }
+    bool FindFace(const std::string& sFamily, bool bBold, bool bItalic, FontFace& oFace) override {
+        arAsked.push_back(sFamily + (bBold ? "/b" : "") + (bItalic ? "/i" : ""));
+        if (sFamily == "Beta") return false; // installed, but without a face to offer
+        oFace.sFile = sFamily + ".ttf";
+        return true;
+    }
+    bool ReadMetrics(const FontFace& oFace, FontMetrics& oMetrics) override {
+        oMetrics = AlphaMetrics();
+        return oFace.sFile == "Alpha Sans.ttf";
+    }
+    std::vector<std::string> arAsked;
+};
+
+TEST(PdfFontService, FamilyLookupTakesTheFirstMatchInTheServicesOrder) {
+    FakeFonts oFonts;
+    std::string sName;
+    ASSERT_TRUE(oFonts.FindFamily("ALPHASANS", sName));
+    EXPECT_EQ(sName, "Alpha Sans");
+    ASSERT_TRUE(cPDF::FindInstalledFont("b e t a", sName, oFonts));
+    EXPECT_EQ(sName, "Beta");
+    EXPECT_FALSE(oFonts.FindFamily("Gamma", sName));
+    EXPECT_FALSE(oFonts.FindFamily(" ", sName));
+    EXPECT_EQ(sName, "Beta");
+}
+
+TEST(PdfFontService, FontRecordFromTheFacesMetrics) {
+    FontMetrics oMetrics = AlphaMetrics();
+    PdfFontRecord o = cPDF::MakeFontRecord("Alpha Sans", true, true, oMetrics);
+    EXPECT_EQ(o.sName, "AlphaSans,BoldItalic");
+    EXPECT_EQ(o.nFirstChar, 32);
+    EXPECT_EQ(o.nLastChar, 126);
+    EXPECT_EQ(o.arWidths['A'], 465);
+    EXPECT_EQ(o.arWidths[31], 0);
+    EXPECT_EQ(o.arWidths[127], 0);
+    EXPECT_EQ(o.nMissingWidth, 777); // code 0 lies before the first
+    EXPECT_EQ(o.nAscent, 800);
+    EXPECT_EQ(o.nDescent, 200);
+    EXPECT_EQ(o.nCapHeight, 800); // the ascent, not the face's own cap height
+    EXPECT_EQ(o.nItalicAngle, -11);
+    EXPECT_EQ(o.nStemV, 0);
+    EXPECT_EQ(o.nFlags, 32);
+
+    // A symbol face from code 0 on: code 255 gives the missing width.
+    for (int c = 0; c < 256; ++c)
+        oMetrics.arHasGlyph[c] = c <= 200;
+    oMetrics.bSymbol = true;
+    o = cPDF::MakeFontRecord("Sym Bol", false, false, oMetrics);
+    EXPECT_EQ(o.sName, "SymBol");
+    EXPECT_EQ(o.nFirstChar, 0);
+    EXPECT_EQ(o.nLastChar, 200);
+    EXPECT_EQ(o.nMissingWidth, 655);
+    EXPECT_EQ(o.nFlags, 4);
+    EXPECT_EQ(o.nItalicAngle, 0);
+    // Every code covered: no missing width at all.
+    oMetrics.arHasGlyph.fill(true);
+    o = cPDF::MakeFontRecord("Full", false, true, oMetrics);
+    EXPECT_EQ(o.sName, "Full,Italic");
+    EXPECT_EQ(o.nLastChar, 255);
+    EXPECT_EQ(o.nMissingWidth, 0);
+    EXPECT_EQ(o.arWidths[255], 655);
+    // No glyph at all: a range of code 0 alone.
+    oMetrics.arHasGlyph.fill(false);
+    o = cPDF::MakeFontRecord("Empty", false, false, oMetrics);
+    EXPECT_EQ(o.nFirstChar, 0);
+    EXPECT_EQ(o.nLastChar, 0);
+}
+
+TEST(PdfFontService, LoadFontWritesWhatTheServiceMeasures) {
+    FakeFonts oFonts;
+    const std::string sPath = ScratchPath("fake-fonts.pdf");
+    cPDF oPdf;
+    oPdf.Fonts(oFonts);
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
+    EXPECT_EQ(oPdf.LoadFont("beta", false, false), 0); // no face: no font, no objects
+    EXPECT_EQ(oPdf.LoadFont("alphasans", true, false), 1);
+    EXPECT_EQ(oFonts.arAsked, (std::vector<std::string>{"Beta", "Alpha Sans/b"}));
+    // A at 465 and E grave (code 200, past the last code) at the missing width.
+    EXPECT_FLOAT_EQ(oPdf.TextWidth("A\xC3\x88", 1, 10), (465 + 777) / 100.0f);
+    oPdf.BeginPage();
+    oPdf.ClosePdfFile();
+    const std::string sFile = ReadFileBytes(sPath);
+
+    std::string sWidths;
+    for (int c = 32; c <= 126; ++c)
+        sWidths += std::to_string(400 + c) + " ";
+    EXPECT_EQ(ObjectText(sFile, 5),
+              "5 0 obj\r\n<</Type/Font/Subtype/TrueType/Name/Font1/BaseFont/AlphaSans,Bold"
+              "/FirstChar 32/LastChar 126/FontDescriptor 6 0 R/Encoding/WinAnsiEncoding/Widths [" +
+                  sWidths + "] >>\r\nendobj");
+    EXPECT_EQ(ObjectText(sFile, 6),
+              "6 0 obj\r\n<<\r/Type /FontDescriptor\r/FontName /AlphaSans,Bold\r/MissingWidth 777"
+              "\r/Ascent 800\r/Descent -200\r/AvgWidth 450\r/CapHeight 800\r/StemV 0"
+              "\r/ItalicAngle 0\r/Flags 32\r/MaxWidth  1100\r/FontBBox [ -220 -200 880 800]"
+              "\r>>\r\nendobj");
+    KY_REQUIRE_TOOL("qpdf");
+    ExpectQpdfCheck(sPath);
+}
+
+TEST(PdfFontService, SystemFacesAndTheirOwnMeasures) {
+    FontService& oFonts = SystemFontService();
+    FontFace oFace;
+    FontMetrics oMetrics;
+    ASSERT_TRUE(oFonts.FindFace("Arial", false, false, oFace));
+    EXPECT_NE(oFace.sFile.find("LiberationSans"), std::string::npos) << oFace.sFile;
+    ASSERT_TRUE(oFonts.ReadMetrics(oFace, oMetrics));
+    EXPECT_FALSE(oMetrics.bSymbol);
+    EXPECT_GT(oMetrics.nCapHeight, 600);
+    EXPECT_LT(oMetrics.nCapHeight, oMetrics.nAscent);
+    EXPECT_EQ(oMetrics.nItalicAngle, 0);
+    EXPECT_TRUE(oMetrics.arHasGlyph['A']);
+    EXPECT_FALSE(oMetrics.arHasGlyph[0]);
+    EXPECT_EQ(oMetrics.arAdvances['A'], 667);
+
+    ASSERT_TRUE(oFonts.FindFace("times new roman", false, true, oFace));
+    ASSERT_TRUE(oFonts.ReadMetrics(oFace, oMetrics));
+    EXPECT_LT(oMetrics.nItalicAngle, -5);
+
+    EXPECT_FALSE(oFonts.FindFace("No Such Font Anywhere", false, false, oFace));
+    EXPECT_FALSE(oFonts.ReadMetrics(FontFace{ScratchPath("no-such-font.ttf"), 0}, oMetrics));
 }
 
 } // namespace

@@ -17,7 +17,7 @@ class PdfImages : public ::testing::Test {
             std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + ".pdf");
         oPdf.PaperWidth(100);
         oPdf.PaperHeight(100);
-        ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+        ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     }
     std::string Close() {
         oPdf.ClosePdfFile();

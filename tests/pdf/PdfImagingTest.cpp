@@ -11,10 +11,12 @@
 #include "PdfImagingSupport.h"
 #include "PdfTestSupport.h"
 #include "core/CodecPluginBridge.h"
+#include "imaging/PdfImageSource.h"
 #include "kestrelyn/Imaging.h"
 #include "pdf/cPDF.h"
 #include "platform/modCcitt.h"
 #include "platform/modkyimgplug.h"
+#include "support/Checkers.h"
 
 namespace kestrelyn {
 namespace {
@@ -57,8 +59,8 @@ std::int32_t SolidRgb(Imaging& oImaging, int nWidth, int nHeight, std::uint8_t r
 class PdfImagingFixture : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!HaveTool("qpdf") || !HaveTool("pdfinfo") || !HaveTool("pdfimages"))
-            GTEST_SKIP() << "poppler-utils and qpdf are needed";
+        KY_REQUIRE_CHECKER(HaveTool("qpdf") && HaveTool("pdfinfo") && HaveTool("pdfimages"),
+                           "poppler-utils and qpdf are needed");
     }
     // One image on a page of its own through the application-built document.
     std::string OneImagePdf(std::int32_t nImageID) {
@@ -209,7 +211,7 @@ TEST_F(PdfImagingFixture, GreyRampFollowsThePlugIn) {
     EXPECT_GT(oPage.AtPdf(80, 50), 245);
     ReloadKyimgplug();
 
-    if (!IsKyimgplugAvailable()) GTEST_SKIP() << "codec plug-in not built";
+    KY_REQUIRE_CHECKER(!(!IsKyimgplugAvailable()), "codec plug-in not built");
     sPath = OneImagePdf(nID);
     arImages = ListImages(sPath);
     ASSERT_EQ(arImages.size(), 1u);
@@ -224,9 +226,10 @@ TEST(PdfImagingWriter, UncompressedRgbIsStoredRedGreenBlue) {
     Imaging oImaging;
     const std::int32_t nID = SolidRgb(oImaging, 2, 1, 0xFF, 0x80, 0x01);
     cPDF oPdf;
+    oPdf.ImageSource(&RegistryPdfImageSource());
     const std::string sPath = ScratchPath("raw-rgb.pdf");
     EXPECT_EQ(oPdf.PdfAddImage(nID), 0); // no file open
-    ASSERT_TRUE(oPdf.NewPdf(sPath, "", "", "", "", ""));
+    ASSERT_TRUE(oPdf.NewPdf(sPath, {}));
     oPdf.CompressData(false);
     EXPECT_EQ(oPdf.PdfAddImage(nID + 1), 0); // no such image
     ASSERT_EQ(oPdf.PdfAddImage(nID), 1);
@@ -244,7 +247,8 @@ TEST(PdfImagingWriter, ImagesFromFilesAreLoadedAndLetGo) {
     const std::string sPng = ScratchPath("from-file.png");
     ASSERT_EQ(oImaging.SaveAsPNG(sPng), OK);
     cPDF oPdf;
-    ASSERT_TRUE(oPdf.NewPdf(ScratchPath("from-file.pdf"), "", "", "", "", ""));
+    oPdf.ImageSource(&RegistryPdfImageSource());
+    ASSERT_TRUE(oPdf.NewPdf(ScratchPath("from-file.pdf"), {}));
     ASSERT_EQ(oPdf.PdfAddImage(sPng), 1);
     EXPECT_EQ(oPdf.ImageWidth(1), 30);
     EXPECT_EQ(oPdf.ImageHeight(1), 20);

@@ -1,5 +1,5 @@
 // Own MD5 (RFC 1321) and RC4.
-#include "pdf/modPdfCrypto.h"
+#include "pdf/PdfCrypto.h"
 
 #include <cstring>
 #include <utility>

@@ -1,5 +1,5 @@
 // PDF/A resources: the XMP template and the identifier maker.
-#include "pdf/modPdfAResources.h"
+#include "pdf/PdfAResources.h"
 
 #include <chrono>
 #include <random>
