@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/ImageLoader.h"
+#include "core/PageStore.h"
 #include "core/modMain.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
@@ -203,8 +204,8 @@ void ReturnPluginBitmap(std::intptr_t nBitmap, bool bIsPage, std::intptr_t nMult
         KYIMGPLUG_Unload(nBitmap);
 }
 
-KestrelynStatus LoadByPlugin(std::int32_t& nImageID, const std::string& sFilePath, bool bICM,
-                             bool bTiffReadOnly, bool bGifReadOnly) {
+KestrelynStatus LoadByPlugin(std::int32_t& nImageID, const std::string& sFilePath,
+                             const LoadOptions& oOptions) {
     nImageID = 0;
     if (!IsKyimgplugAvailable()) return Aborted;
     int format = DetectPluginFormat(sFilePath);
@@ -213,9 +214,8 @@ KestrelynStatus LoadByPlugin(std::int32_t& nImageID, const std::string& sFilePat
         return UnknownImageFormat;
     bool bMultiPage = false;
     std::intptr_t hFile = 0;
-    // Colour-managed or not, the samples arrive as RGB: a load makes images
-    // to show, and CMYK samples kept as they are would read as RGB.
-    (void)bICM;
+    // Colour-managed or not (bICM), the samples arrive as RGB: a load makes
+    // images to show, and CMYK samples kept as they are would read as RGB.
     std::intptr_t handle = LoadPluginFile(format, sFilePath, bMultiPage, false, hFile);
     if (!handle) return OutOfMemory;
     const std::string sName = PluginFormatName(format);
@@ -254,7 +254,7 @@ KestrelynStatus LoadByPlugin(std::int32_t& nImageID, const std::string& sFilePat
 
     // A document of several pages.
     const bool bGif = format == PluginFormatGIF;
-    const bool bReadOnly = bGif ? bGifReadOnly : bTiffReadOnly;
+    const bool bReadOnly = bGif ? oOptions.bGifReadOnly : oOptions.bTiffReadOnly;
     const int count = KYIMGPLUG_GetPageCount(handle);
     std::int32_t head = 0;
     RegisterImage(head, nullptr, sName, sFilePath, bReadOnly ? KindPlugin : KindEngine);
@@ -263,19 +263,15 @@ KestrelynStatus LoadByPlugin(std::int32_t& nImageID, const std::string& sFilePat
         rec.bReadOnly = bReadOnly;
         rec.bMultiPageGif = bGif;
         rec.bMultiPageTiff = !bGif;
-        rec.nPageCount = count;
-        const std::size_t n = static_cast<std::size_t>(count);
-        rec.arPageImages.assign(n, 0);
-        rec.arPageFiles.assign(n, std::string());
-        rec.arPageDepths.assign(n, 0);
-        rec.arPageDelays.assign(n, 0);
-        rec.arPageDisposals.assign(n, 0);
+        SizePageArrays(rec, count);
         rec.nCurrentPage = -1;
         rec.nPlugFile = static_cast<std::uintptr_t>(hFile);
     }
     if (bReadOnly) {
+        // The multi-bitmap and its file handle stay with the head; pages are
+        // locked as they are shown.
         FindImageRecord(head)->nPlugBitmap = static_cast<std::uintptr_t>(handle);
-        const KestrelynStatus status = SelectPage(head, 0);
+        const KestrelynStatus status = ShowPage(head, 0);
         if (status != OK) {
             ReleaseImage(head);
             return status;
@@ -284,50 +280,13 @@ KestrelynStatus LoadByPlugin(std::int32_t& nImageID, const std::string& sFilePat
         return OK;
     }
 
-    // Editable: every page goes to a file of its own.
-    std::int32_t stored = 0;
-    for (int i = 0; i < count; ++i) {
-        std::intptr_t page = KYIMGPLUG_LockPage(handle, i);
-        if (!page) continue;
-        const int depth = KYIMGPLUG_GetBPP(page);
-        const std::string sPageFile = MakeTempFileName();
-        bool bIsPage = true, bFailed = false;
-        std::int32_t pageImage = 0;
-        bool bStored = false;
-        try {
-            PluginBitmapToImage(page, pageImage, bFailed, bIsPage, handle, format);
-            if (pageImage != 0 && !bFailed) {
-                bStored = StorePageImage(ResolveGdiPlusImage(pageImage), sPageFile, bGif) == OK;
-            } else {
-                bStored = SavePluginFile(bGif ? PluginFormatPNG : PluginFormatTIFF, page, sPageFile,
-                                         bGif ? 0 : KyimgplugTiffLzw);
-            }
-        } catch (...) {
-            bStored = false;
-        }
-        if (pageImage != 0) ReleaseImage(pageImage);
-        ReturnPluginBitmap(page, bIsPage, handle);
-        if (bStored) {
-            ImageRecord& rec = *FindImageRecord(head);
-            rec.arPageFiles[static_cast<std::size_t>(i)] = sPageFile;
-            rec.arPageDepths[static_cast<std::size_t>(i)] = depth;
-            ++stored;
-        } else {
-            std::remove(sPageFile.c_str());
-        }
-    }
+    // Editable: every page goes to a file of its own, then the source closes.
+    const std::int32_t stored = BurstPluginPages(handle, head);
     KYIMGPLUG_CloseMultiBitmap(handle, 0);
     if (hFile) KYIMGPLUG_CloseFileHandle(hFile);
     FindImageRecord(head)->nPlugFile = 0;
-    if (stored == 0) {
-        ReleaseImage(head);
-        return UnknownImageFormat;
-    }
-    const KestrelynStatus status = SelectPage(head, 0);
-    if (status != OK) {
-        ReleaseImage(head);
-        return status;
-    }
+    const KestrelynStatus status = FinishBurst(head, stored);
+    if (status != OK) return status;
     nImageID = head;
     return OK;
 }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/EngineState.h"
+#include "core/ImageLoader.h"
 #include "kestrelyn/KestrelynStatus.h"
 
 namespace kestrelyn {
@@ -71,8 +72,9 @@ std::intptr_t LoadPluginFile(int& nFormat, const std::string& sFilePath, bool& b
                              bool bFlag, std::intptr_t& hFile);
 // Loads a file through the plug-in into the registry. 9 without the plug-in,
 // 13 for formats that belong to the engine, 3 when nothing was decoded.
-KestrelynStatus LoadByPlugin(std::int32_t& nImageID, const std::string& sFilePath, bool bICM,
-                             bool bTiffReadOnly, bool bGifReadOnly);
+// Of the options, bICM and the read-only flags count.
+KestrelynStatus LoadByPlugin(std::int32_t& nImageID, const std::string& sFilePath,
+                             const LoadOptions& oOptions);
 // Makes a registry image from a plug-in bitmap. nBitmap may be replaced by a
 // converted bitmap (the old one given back; bIsPage cleared when a locked page
 // was given back). At 16 bits and more the image wraps the bitmap's memory:

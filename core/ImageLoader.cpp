@@ -13,10 +13,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <new>
 
-#include "core/modMain.h"
 #include "core/CodecPluginBridge.h"
+#include "core/PageStore.h"
+#include "core/modMain.h"
 #include "platform/Windows1252.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
@@ -28,21 +28,6 @@ namespace {
 
 // The bare status of a run-time failure inside a stream load.
 constexpr KestrelynStatus kStreamRuntimeFailure = static_cast<KestrelynStatus>(23);
-
-
-bool IsMultiPage(const ImageRecord& rec) {
-    return rec.bMultiPageTiff || rec.bMultiPageGif;
-}
-
-void SizePageArrays(ImageRecord& rec, std::int32_t nCount) {
-    const std::size_t n = static_cast<std::size_t>(nCount);
-    rec.nPageCount = nCount;
-    rec.arPageImages.assign(n, 0);
-    rec.arPageFiles.assign(n, std::string());
-    rec.arPageDepths.assign(n, 0);
-    rec.arPageDelays.assign(n, 0);
-    rec.arPageDisposals.assign(n, 0);
-}
 
 // A property's bytes, empty when the image has none of that id.
 std::vector<std::uint8_t> PropertyBytes(GpImage* img, PROPID id, std::uint16_t& nType) {
@@ -86,48 +71,6 @@ void ReadGifFacts(GpImage* img, ImageRecord& head) {
     head.bMultiPageGif = true;
 }
 
-std::int32_t ImageDepth(GpImage* img) {
-    PixelFormat fmt = 0;
-    if (!img || GdipGetImagePixelFormat(img, &fmt) != OK) return 0;
-    return PixelFormatDepth(fmt);
-}
-
-// The plug-in format code that a head record's name stands for.
-int HeadPluginFormat(const ImageRecord& rec) {
-    return rec.bMultiPageGif ? PluginFormatGIF : PluginFormatTIFF;
-}
-
-KestrelynStatus SelectPluginPage(std::int32_t nHeadImageID, std::int32_t nIndex) {
-    ImageRecord* rec = FindImageRecord(nHeadImageID);
-    const std::intptr_t multi = static_cast<std::intptr_t>(rec->nPlugBitmap);
-    const int format = HeadPluginFormat(*rec);
-    std::intptr_t page = KYIMGPLUG_LockPage(multi, nIndex);
-    if (!page) return OutOfMemory;
-    bool bIsPage = true, bFailed = false;
-    std::int32_t id = 0;
-    KestrelynStatus status = PluginBitmapToImage(page, id, bFailed, bIsPage, multi, format);
-    if (bFailed || id == 0) {
-        if (id != 0) ReleaseImage(id);
-        ReturnPluginBitmap(page, bIsPage, multi);
-        return status == OK ? UnknownImageFormat : status;
-    }
-    ImageRecord* pageRec = FindImageRecord(id);
-    pageRec->sFormatName = PluginFormatName(format);
-    if (bIsPage) {
-        pageRec->nKind = KindPluginPage;
-        pageRec->nPlugBitmap = static_cast<std::uintptr_t>(multi);
-        pageRec->nPlugPage = static_cast<std::uintptr_t>(page);
-    } else {
-        pageRec->nKind = KindPlugin;
-        pageRec->nPlugBitmap = static_cast<std::uintptr_t>(page);
-    }
-    rec = FindImageRecord(nHeadImageID);
-    rec->arPageImages[static_cast<std::size_t>(nIndex)] = id;
-    rec->arPageDepths[static_cast<std::size_t>(nIndex)] = ImageDepth(ResolveGdiPlusImage(id));
-    rec->nCurrentPage = nIndex;
-    return status;
-}
-
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -158,69 +101,59 @@ std::string NormaliseLoadPath(const std::string& sFilePath) {
 // ---------------------------------------------------------------------------
 // The decoder order.
 
-KestrelynStatus LoadImageFile(std::int32_t& nImageID, const std::string& sFilePath, bool bICM,
-                              bool bDisableKyimgplug, bool bTiffReadOnly, HWND nOwnerWindow,
-                              bool bNoDialog, bool bGifReadOnly) {
-    (void)nOwnerWindow; // the host's dialog has its own owner
+KestrelynStatus LoadImageFile(std::int32_t& nImageID, const std::string& sFilePath,
+                              const LoadOptions& oOptions) {
     nImageID = 0;
-    try {
-        std::string sPath = Trim(sFilePath);
-        if (!bNoDialog && sPath.empty()) {
-            std::string sChosen;
-            if (GetHostServices().OpenFileDialog("All files (*.*)|*.*", sChosen)) sPath = sChosen;
-        }
-        sPath = NormaliseLoadPath(sPath);
-        if (sPath.empty() || !IsRegularFile(sPath)) return FileNotFound;
+    std::string sPath = Trim(sFilePath);
+    if (!oOptions.bNoDialog && sPath.empty()) {
+        // The host's dialog has its own owner window.
+        std::string sChosen;
+        if (GetHostServices().OpenFileDialog("All files (*.*)|*.*", sChosen)) sPath = sChosen;
+    }
+    sPath = NormaliseLoadPath(sPath);
+    if (sPath.empty() || !IsRegularFile(sPath)) return FileNotFound;
 
-        KestrelynStatus status = UnknownImageFormat;
-        if (bICM || bDisableKyimgplug) {
-            std::int32_t id = 0;
-            status = LoadByEngine(sPath, id, bICM, bTiffReadOnly, bGifReadOnly);
-            if (status == OK) {
-                PixelFormat fmt = 0;
-                GdipGetImagePixelFormat(ResolveGdiPlusImage(id), &fmt);
-                if (fmt == PixelFormatUndefined) {
-                    ReleaseImage(id);
-                    status = UnknownImageFormat;
-                } else {
-                    nImageID = id;
-                    return OK;
-                }
+    KestrelynStatus status = UnknownImageFormat;
+    if (oOptions.bICM || oOptions.bDisableKyimgplug) {
+        std::int32_t id = 0;
+        status = LoadByEngine(sPath, id, oOptions);
+        if (status == OK) {
+            PixelFormat fmt = 0;
+            GdipGetImagePixelFormat(ResolveGdiPlusImage(id), &fmt);
+            if (fmt == PixelFormatUndefined) {
+                ReleaseImage(id);
+                status = UnknownImageFormat;
+            } else {
+                nImageID = id;
+                return OK;
             }
         }
-        if (bDisableKyimgplug) return status;
-
-        std::int32_t id = 0;
-        const KestrelynStatus nPlugStatus =
-            LoadByPlugin(id, sPath, bICM, bTiffReadOnly, bGifReadOnly);
-        if (nPlugStatus == OK) {
-            nImageID = id;
-            return OK;
-        }
-        if (LoadByEngine(sPath, id, bICM, bTiffReadOnly, bGifReadOnly) == OK) {
-            nImageID = id;
-            return OK;
-        }
-        if (LoadByPicture(id, sPath) == OK) {
-            nImageID = id;
-            return OK;
-        }
-        return nPlugStatus;
-    } catch (const std::bad_alloc&) {
-        nImageID = 0;
-        return OutOfMemory;
-    } catch (...) {
-        nImageID = 0;
-        return GenericError;
     }
+    if (oOptions.bDisableKyimgplug) return status;
+
+    std::int32_t id = 0;
+    const KestrelynStatus nPlugStatus = LoadByPlugin(id, sPath, oOptions);
+    if (nPlugStatus == OK) {
+        nImageID = id;
+        return OK;
+    }
+    if (LoadByEngine(sPath, id, oOptions) == OK) {
+        nImageID = id;
+        return OK;
+    }
+    if (LoadByPicture(id, sPath) == OK) {
+        nImageID = id;
+        return OK;
+    }
+    return nPlugStatus;
 }
 
-KestrelynStatus LoadByEngine(const std::string& sFilePath, std::int32_t& nImageID, bool bICM,
-                             bool bTiffReadOnly, bool bGifReadOnly) {
+KestrelynStatus LoadByEngine(const std::string& sFilePath, std::int32_t& nImageID,
+                             const LoadOptions& oOptions) {
     nImageID = 0;
     GpBitmap* bitmap = nullptr;
-    const KestrelynStatus status = bICM ? GdipCreateBitmapFromFileICM(sFilePath, &bitmap)
-                                        : GdipCreateBitmapFromFile(sFilePath, &bitmap);
+    const KestrelynStatus status = oOptions.bICM ? GdipCreateBitmapFromFileICM(sFilePath, &bitmap)
+                                                 : GdipCreateBitmapFromFile(sFilePath, &bitmap);
     if (status != OK) {
         if (bitmap) GdipDisposeImage(bitmap);
         return status;
@@ -228,16 +161,14 @@ KestrelynStatus LoadByEngine(const std::string& sFilePath, std::int32_t& nImageI
     std::int32_t id = 0;
     RegisterImage(id, bitmap, "", sFilePath, KindEngineFile);
     std::int32_t result = 0;
-    const KestrelynStatus multi =
-        OpenMultiPageAfterLoad(sFilePath, id, result, bTiffReadOnly, bGifReadOnly);
+    const KestrelynStatus multi = OpenMultiPageAfterLoad(sFilePath, id, result, oOptions);
     if (multi != OK) return multi;
     nImageID = result;
     return OK;
 }
 
 KestrelynStatus OpenMultiPageAfterLoad(const std::string& sFilePath, std::int32_t nImageID,
-                                       std::int32_t& nResultID, bool bTiffReadOnly,
-                                       bool bGifReadOnly) {
+                                       std::int32_t& nResultID, const LoadOptions& oOptions) {
     nResultID = nImageID;
     ImageRecord* rec = FindImageRecord(nImageID);
     if (!rec || !rec->nGdiPlusImage) return OK;
@@ -248,7 +179,7 @@ KestrelynStatus OpenMultiPageAfterLoad(const std::string& sFilePath, std::int32_
     const GUID& dim = bGif ? FrameDimensionTime : FrameDimensionPage;
     UINT count = 0;
     if (GdipImageGetFrameCount(source, &dim, &count) != OK || count < 2) return OK;
-    const bool bReadOnly = bGif ? bGifReadOnly : bTiffReadOnly;
+    const bool bReadOnly = bGif ? oOptions.bGifReadOnly : oOptions.bTiffReadOnly;
 
     std::int32_t head = nImageID;
     if (!bReadOnly) RegisterImage(head, nullptr, sName, sFilePath, KindEngine);
@@ -261,115 +192,25 @@ KestrelynStatus OpenMultiPageAfterLoad(const std::string& sFilePath, std::int32_
     h.nCurrentPage = -1;
 
     if (bReadOnly) {
+        // The engine stays the store and keeps the file open.
         h.bReadOnly = true;
         nResultID = head;
-        return SelectPage(head, 0);
+        return ShowPage(head, 0);
     }
 
-    // Burst the document: one file per page, then the source goes.
-    std::int32_t stored = 0;
-    for (UINT i = 0; i < count; ++i) {
-        if (GdipImageSelectActiveFrame(source, &dim, i) != OK) continue;
-        const std::string sPageFile = MakeTempFileName();
-        if (StorePageImage(source, sPageFile, bGif) != OK) continue;
-        ImageRecord& hr = *FindImageRecord(head);
-        hr.arPageFiles[i] = sPageFile;
-        hr.arPageDepths[i] = ImageDepth(source);
-        ++stored;
-    }
+    // Editable: one file per page, then the source goes, closing the file.
+    const std::int32_t stored = BurstEngineFrames(nImageID, head);
     ReleaseImage(nImageID);
-    if (stored == 0) {
-        ReleaseImage(head);
-        nResultID = 0;
-        return UnknownImageFormat;
-    }
-    const KestrelynStatus status = SelectPage(head, 0);
-    if (status != OK) {
-        ReleaseImage(head);
-        nResultID = 0;
-        return status;
-    }
-    nResultID = head;
-    return OK;
-}
-
-KestrelynStatus StorePageImage(GpImage* pPage, const std::string& sFilePath, bool bGif) {
-    if (!pPage || sFilePath.empty()) return InvalidParameter;
-    KestrelynStatus status;
-    if (bGif) {
-        status = GdipSaveImageToFile(pPage, sFilePath, &EncoderClsidPNG, nullptr);
-    } else {
-        UINT compression = EncoderValueCompressionLZW;
-        EncoderParameters params{};
-        params.Count = 1;
-        params.Parameter[0].Guid = EncoderCompression;
-        params.Parameter[0].NumberOfValues = 1;
-        params.Parameter[0].Type = EncoderParameterValueTypeLong;
-        params.Parameter[0].Value = &compression;
-        status = GdipSaveImageToFile(pPage, sFilePath, &EncoderClsidTIFF, &params);
-    }
-    if (status != OK) std::remove(sFilePath.c_str());
+    const KestrelynStatus status = FinishBurst(head, stored);
+    nResultID = status == OK ? head : 0;
     return status;
-}
-
-KestrelynStatus SelectPage(std::int32_t nHeadImageID, std::int32_t nIndex) {
-    ImageRecord* rec = FindImageRecord(nHeadImageID);
-    if (!rec) return GenericError;
-    if (!IsMultiPage(*rec) || nIndex < 0 || nIndex >= rec->nPageCount) return InvalidParameter;
-    const std::size_t needed = static_cast<std::size_t>(rec->nPageCount);
-    if (rec->arPageImages.size() < needed) rec->arPageImages.resize(needed, 0);
-    if (rec->arPageFiles.size() < needed) rec->arPageFiles.resize(needed);
-    if (rec->arPageDepths.size() < needed) rec->arPageDepths.resize(needed, 0);
-
-    // A read-only document read by the engine: the engine moves between frames.
-    if (rec->bReadOnly && rec->nKind == KindEngineFile && rec->nGdiPlusImage) {
-        const GUID& dim = rec->bMultiPageGif ? FrameDimensionTime : FrameDimensionPage;
-        const KestrelynStatus status =
-            GdipImageSelectActiveFrame(rec->nGdiPlusImage, &dim, static_cast<UINT>(nIndex));
-        if (status == OK) rec->nCurrentPage = nIndex;
-        return status;
-    }
-
-    // The page shown so far goes, unless it holds edits that no file keeps.
-    const std::int32_t current = rec->nCurrentPage;
-    if (current >= 0 && current != nIndex && static_cast<std::size_t>(current) < needed) {
-        const std::size_t c = static_cast<std::size_t>(current);
-        const std::int32_t shown = rec->arPageImages[c];
-        const ImageRecord* shownRec = FindImageRecord(shown);
-        const bool bKeep = shownRec && shownRec->bModified && rec->arPageFiles[c].empty();
-        if (shown != 0 && !bKeep) {
-            rec->arPageImages[c] = 0;
-            ReleaseImage(shown);
-            rec = FindImageRecord(nHeadImageID);
-        }
-    }
-    const std::size_t p = static_cast<std::size_t>(nIndex);
-    if (rec->arPageImages[p] != 0 && FindImageRecord(rec->arPageImages[p])) {
-        rec->nCurrentPage = nIndex;
-        return OK;
-    }
-
-    // A read-only document read by the plug-in: the page is locked.
-    if (rec->bReadOnly && rec->nKind == KindPlugin && rec->nPlugBitmap)
-        return SelectPluginPage(nHeadImageID, nIndex);
-
-    // A burst document: the page comes from its file.
-    const std::string sPageFile = rec->arPageFiles[p];
-    if (sPageFile.empty()) return UnknownImageFormat;
-    std::int32_t id = 0;
-    const KestrelynStatus status = LoadImageFile(id, sPageFile, false, false, true, 0, true, true);
-    if (status != OK) return status;
-    rec = FindImageRecord(nHeadImageID);
-    rec->arPageImages[p] = id;
-    rec->nCurrentPage = nIndex;
-    return OK;
 }
 
 // ---------------------------------------------------------------------------
 // Memory and streams.
 
 KestrelynStatus LoadImageFromBytes(std::int32_t& nImageID, const std::vector<std::uint8_t>& arBytes,
-                                   bool bICM, bool bTiffReadOnly, bool bGifReadOnly) {
+                                   const LoadOptions& oOptions) {
     nImageID = 0;
     if (arBytes.empty()) return ProfileNotFound;
     const std::string sTemp = MakeTempFileName();
@@ -384,9 +225,12 @@ KestrelynStatus LoadImageFromBytes(std::int32_t& nImageID, const std::vector<std
             return Win32Error;
         }
     }
+    LoadOptions oFileOptions;
+    oFileOptions.bICM = oOptions.bICM;
+    oFileOptions.bTiffReadOnly = oOptions.bTiffReadOnly;
+    oFileOptions.bGifReadOnly = oOptions.bGifReadOnly;
     std::int32_t id = 0;
-    const KestrelynStatus status =
-        LoadImageFile(id, sTemp, bICM, false, bTiffReadOnly, 0, true, bGifReadOnly);
+    const KestrelynStatus status = LoadImageFile(id, sTemp, oFileOptions);
     if (status != OK || id == 0) {
         std::remove(sTemp.c_str());
         return status == OK ? GenericError : status;
@@ -410,7 +254,7 @@ KestrelynStatus LoadImageFromStream(std::int32_t& nImageID, const StreamPtr& oSt
         std::int32_t id = 0;
         RegisterImage(id, image, "", "", KindEngine);
         std::int32_t result = 0;
-        const KestrelynStatus multi = OpenMultiPageAfterLoad("", id, result, false, false);
+        const KestrelynStatus multi = OpenMultiPageAfterLoad("", id, result, LoadOptions{});
         if (multi != OK) return multi;
         nImageID = result;
         return OK;

@@ -1,5 +1,5 @@
 // Inner loading routines shared by the Imaging operations, the viewers, the
-// PDF image path and the multi-page store.
+// PDF image path and the page store.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -16,37 +16,41 @@ namespace kestrelyn {
 // fewer are only trimmed and slashed.
 std::string NormaliseLoadPath(const std::string& sFilePath);
 
+// How a file is loaded. The defaults are those of an inner load: no colour
+// management, the plug-in allowed, multi-page files editable, no dialog.
+struct LoadOptions {
+    bool bICM = false;              // colour-managed decode (the engine goes first)
+    bool bDisableKyimgplug = false; // the codec plug-in is not asked
+    bool bTiffReadOnly = false;     // a multi-page TIFF stays in its source
+    bool bGifReadOnly = false;      // a multi-page GIF stays in its source
+    bool bNoDialog = true;          // an empty path fails instead of asking the user
+    HWND nOwnerWindow = 0;          // owner of that dialog (the host services pick their own)
+};
+
 // Loads a file into the registry, choosing the decoder: the plug-in first and
 // the engine second, the engine first with bICM or bDisableKyimgplug, and the
-// host picture loader last. Without bNoDialog an empty path asks the user.
-KestrelynStatus LoadImageFile(std::int32_t& nImageID, const std::string& sFilePath, bool bICM,
-                              bool bDisableKyimgplug, bool bTiffReadOnly, HWND nOwnerWindow,
-                              bool bNoDialog, bool bGifReadOnly);
-KestrelynStatus LoadByEngine(const std::string& sFilePath, std::int32_t& nImageID, bool bICM,
-                             bool bTiffReadOnly, bool bGifReadOnly);
-// Turns an engine image of a multi-page TIFF or GIF into a multi-page record
-// (bursting its pages into files unless read-only). nResultID is the image
-// to use: nImageID itself, or the new head.
+// host picture loader last.
+KestrelynStatus LoadImageFile(std::int32_t& nImageID, const std::string& sFilePath,
+                              const LoadOptions& oOptions = {});
+// The engine's decode of a file (bICM and the read-only flags count), then
+// the multi-page step.
+KestrelynStatus LoadByEngine(const std::string& sFilePath, std::int32_t& nImageID,
+                             const LoadOptions& oOptions);
+// Turns an engine image of a multi-page TIFF or GIF into a multi-page record:
+// read-only (by the options' flag for the format) the image's own record
+// becomes the head, else the pages are burst into files and the image goes.
+// nResultID is the image to use: nImageID itself, or the new head.
 KestrelynStatus OpenMultiPageAfterLoad(const std::string& sFilePath, std::int32_t nImageID,
-                                       std::int32_t& nResultID, bool bTiffReadOnly,
-                                       bool bGifReadOnly);
+                                       std::int32_t& nResultID, const LoadOptions& oOptions);
+// Loads bytes through a temporary file that lives as long as the image. Only
+// bICM and the read-only flags count: the plug-in is always allowed and no
+// dialog is shown.
 KestrelynStatus LoadImageFromBytes(std::int32_t& nImageID, const std::vector<std::uint8_t>& arBytes,
-                                   bool bICM, bool bTiffReadOnly, bool bGifReadOnly);
+                                   const LoadOptions& oOptions);
 KestrelynStatus LoadImageFromStream(std::int32_t& nImageID, const StreamPtr& oStream, bool bICM);
 KestrelynStatus LoadByPicture(std::int32_t& nImageID, const std::string& sFilePath);
 KestrelynStatus LoadImageFromPicture(std::int32_t& nImageID, PictureHandle oPicture);
 KestrelynStatus LoadImageFromDIB(std::int32_t& nImageID, HGLOBAL hDib, bool bKeepMemory);
 KestrelynStatus LoadImageFromClipboard(std::int32_t& nImageID);
-
-// Stores one page in a file by the page rule of multi-page documents: TIFF
-// pages as LZW-compressed TIFF (depth kept), GIF pages as PNG.
-KestrelynStatus StorePageImage(GpImage* pPage, const std::string& sFilePath, bool bGif);
-
-// Makes page nIndex (0-based) the current page of a multi-page head: a burst
-// page is loaded from its file (read-only, no dialog) into arPageImages, a
-// read-only engine document selects its frame, a read-only plug-in document
-// locks the page. The page shown before is released. Unknown id: 1; an index
-// out of range or a head that is not multi-page: 2.
-KestrelynStatus SelectPage(std::int32_t nHeadImageID, std::int32_t nIndex);
 
 } // namespace kestrelyn

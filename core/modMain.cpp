@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <thread>
 
+#include "core/PageStore.h"
 #include "platform/modWinapi.h"
 #include "platform/modkyimgplug.h"
 
@@ -49,17 +50,6 @@ bool IsMultiPage(const ImageRecord& rec) {
 }
 
 } // namespace
-
-
-namespace {
-PageStoreFn gPageStore = nullptr;
-}
-void SetPageStoreHook(PageStoreFn pStore) {
-    gPageStore = pStore;
-}
-PageStoreFn GetPageStoreHook() {
-    return gPageStore;
-}
 
 ImageRegistry& ThreadRegistry() {
     return tlRegistry;
@@ -270,49 +260,7 @@ std::int32_t ReplaceImage(std::int32_t nImageID, std::int32_t nNewImageID) {
     }
 
     // An editable multi-page image: the new image becomes the current page.
-    const std::int32_t page = rec->nCurrentPage;
-    if (page < 0 || page >= rec->nPageCount) return nImageID;
-    const std::size_t p = static_cast<std::size_t>(page);
-    const std::size_t needed = static_cast<std::size_t>(rec->nPageCount);
-    if (rec->arPageImages.size() < needed) rec->arPageImages.resize(needed, 0);
-    if (rec->arPageFiles.size() < needed) rec->arPageFiles.resize(needed);
-    if (rec->arPageDepths.size() < needed) rec->arPageDepths.resize(needed, 0);
-    const bool bGif = rec->bMultiPageGif;
-
-    const std::int32_t oldPage = rec->arPageImages[p];
-    if (oldPage != 0 && oldPage != nNewImageID) {
-        rec->arPageImages[p] = 0;
-        ReleaseImage(oldPage);
-        rec = FindImageRecord(nImageID);
-        if (!rec) return nImageID;
-    }
-    if (!rec->arPageFiles[p].empty()) {
-        RemoveFileQuietly(rec->arPageFiles[p]);
-        rec->arPageFiles[p].clear();
-    }
-
-    std::int32_t depth = 0;
-    if (GpImage* img = ResolveGdiPlusImage(nNewImageID)) {
-        PixelFormat fmt = 0;
-        if (GdipGetImagePixelFormat(img, &fmt) == OK) depth = PixelFormatDepth(fmt);
-    }
-
-    if (PageStoreFn store = GetPageStoreHook()) {
-        const std::string sPageFile = MakeTempFileName();
-        if (store(nImageID, nNewImageID, sPageFile, bGif) == OK) {
-            rec = FindImageRecord(nImageID);
-            if (!rec) return nImageID;
-            rec->arPageFiles[p] = sPageFile;
-            rec->arPageImages[p] = nNewImageID;
-            rec->arPageDepths[p] = depth;
-            ClearImageModified(nNewImageID);
-        }
-        return nImageID;
-    }
-    // No page store yet: the page lives in memory, still to be written.
-    rec->arPageImages[p] = nNewImageID;
-    rec->arPageDepths[p] = depth;
-    if (ImageRecord* fresh = FindImageRecord(nNewImageID)) fresh->bModified = true;
+    ReplaceCurrentPage(nImageID, nNewImageID);
     return nImageID;
 }
 
@@ -428,6 +376,32 @@ std::int32_t PixelFormatDepth(std::int32_t nPixelFormat) {
     default:
         return 0;
     }
+}
+
+KestrelynStatus LockBits(std::int32_t nImageID, const GpRect& rect, std::uint32_t nMode,
+                         PixelFormat& nFormat, BitmapData& data) {
+    GpImage* img = ResolveGdiPlusImage(nImageID);
+    if (nFormat == 0 && img) GdipGetImagePixelFormat(img, &nFormat);
+    const KestrelynStatus status = GdipBitmapLockBits(img, &rect, nMode, nFormat, &data);
+    if (status == OK) {
+        nFormat = data.PixelFormat;
+        if (nMode & ImageLockModeWrite) MarkImageModified(nImageID);
+    }
+    return status;
+}
+
+KestrelynStatus UnlockBits(std::int32_t nImageID, BitmapData& data) {
+    return GdipBitmapUnlockBits(ResolveGdiPlusImage(nImageID), &data);
+}
+
+KestrelynStatus GetGraphics(std::int32_t nImageID, GpGraphics*& g) {
+    g = nullptr;
+    const KestrelynStatus status = GdipGetImageGraphicsContext(ResolveGdiPlusImage(nImageID), &g);
+    if (status == OK && g)
+        MarkImageModified(nImageID);
+    else if (status == OK)
+        return GenericError;
+    return status;
 }
 
 } // namespace kestrelyn

@@ -76,6 +76,8 @@ GpImage* ResolveGdiPlusImage(std::int32_t nImageID);
 std::int32_t ResolvePageImage(std::int32_t nImageID);
 KestrelynStatus ReleaseImage(std::int32_t nImageID);
 void RemoveAllImages();
+// Keeps an id across an edit: the new image answers to the old id; in an
+// editable multi-page image it becomes the current page (stored at once).
 std::int32_t ReplaceImage(std::int32_t nImageID, std::int32_t nNewImageID);
 void MarkImageModified(std::int32_t nImageID);
 void ClearImageModified(std::int32_t nImageID);
@@ -92,20 +94,20 @@ std::int32_t NewImageId();
 std::string FormatNameFromRawFormat(const GUID& rawFormat);
 std::string EngineFormatName(GpImage* pImage);
 
-// Stores the current page of an editable multi-page image in a file: TIFF by
-// the page rule of the multi-page store (bGif false) or PNG (bGif true). The
-// multi-page store installs it; returns the outcome. Without one, ReplaceImage
-// keeps the replacement page in memory only (its file name stays empty and the
-// page stays marked modified).
-using PageStoreFn = KestrelynStatus (*)(std::int32_t nHeadImageID, std::int32_t nPageImageID,
-                                        const std::string& sFilePath, bool bGif);
-void SetPageStoreHook(PageStoreFn pStore);
-PageStoreFn GetPageStoreHook();
-
 // Row stride in bytes of a width at a depth (0 for an unknown depth or a width
 // below 1); the 48-bit mask yields a multiple of 8.
 std::int32_t ComputeStride(std::int32_t nWidth, std::int32_t nDepth);
 // Bits per pixel of a pixel format code, 0 for an unknown one.
 std::int32_t PixelFormatDepth(std::int32_t nPixelFormat);
+
+// GdipBitmapLockBits on a registry image. A format of 0 asks for the image's
+// own; on success nFormat is the format locked, and a lock for writing marks
+// the image modified.
+KestrelynStatus LockBits(std::int32_t nImageID, const GpRect& rect, std::uint32_t nMode,
+                         PixelFormat& nFormat, BitmapData& data);
+KestrelynStatus UnlockBits(std::int32_t nImageID, BitmapData& data);
+// A graphics context on a registry image, which is then marked modified; g is
+// nullptr on failure (status 1 when the engine gives none without a status).
+KestrelynStatus GetGraphics(std::int32_t nImageID, GpGraphics*& g);
 
 } // namespace kestrelyn

@@ -12,7 +12,6 @@
 
 namespace kestrelyn {
 
-
 namespace {
 // The end of every creating operation: the outcome to nStatus, the new image
 // becomes the native one on success.
@@ -24,6 +23,18 @@ std::int32_t FinishCreate(cImaging& self, KestrelynStatus status, std::int32_t n
     }
     self.nNativeImage = nImageID;
     return nImageID;
+}
+
+// The object's load settings; an empty path opens the file dialog, owned by
+// window 0. (Byte arrays ignore the plug-in switch and never ask.)
+LoadOptions FileLoadOptions(const cImaging& self, bool bICM) {
+    LoadOptions oOptions;
+    oOptions.bICM = bICM;
+    oOptions.bDisableKyimgplug = self.bDisableKyimgplugCodecs;
+    oOptions.bTiffReadOnly = self.bTiffReadOnly;
+    oOptions.bGifReadOnly = self.bGifReadOnly;
+    oOptions.bNoDialog = false;
+    return oOptions;
 }
 
 std::int32_t RegisterHandleImage(cImaging& self, KestrelynStatus status, GpBitmap* bitmap,
@@ -40,29 +51,25 @@ std::int32_t RegisterHandleImage(cImaging& self, KestrelynStatus status, GpBitma
 
 std::int32_t cImaging::CreateImageFromFile(const std::string& sFilePath) {
     std::int32_t id = 0;
-    const KestrelynStatus status = LoadImageFile(id, sFilePath, false, bDisableKyimgplugCodecs,
-                                                 bTiffReadOnly, 0, false, bGifReadOnly);
+    const KestrelynStatus status = LoadImageFile(id, sFilePath, FileLoadOptions(*this, false));
     return FinishCreate(*this, status, id);
 }
 
 std::int32_t cImaging::CreateImageFromFileICM(const std::string& sFilePath) {
     std::int32_t id = 0;
-    const KestrelynStatus status = LoadImageFile(id, sFilePath, true, bDisableKyimgplugCodecs,
-                                                 bTiffReadOnly, 0, false, bGifReadOnly);
+    const KestrelynStatus status = LoadImageFile(id, sFilePath, FileLoadOptions(*this, true));
     return FinishCreate(*this, status, id);
 }
 
 std::int32_t cImaging::CreateImageFromByteArray(const std::vector<std::uint8_t>& arBytes) {
     std::int32_t id = 0;
-    const KestrelynStatus status =
-        LoadImageFromBytes(id, arBytes, false, bTiffReadOnly, bGifReadOnly);
+    const KestrelynStatus status = LoadImageFromBytes(id, arBytes, FileLoadOptions(*this, false));
     return FinishCreate(*this, status, id);
 }
 
 std::int32_t cImaging::CreateImageFromByteArrayICM(const std::vector<std::uint8_t>& arBytes) {
     std::int32_t id = 0;
-    const KestrelynStatus status =
-        LoadImageFromBytes(id, arBytes, true, bTiffReadOnly, bGifReadOnly);
+    const KestrelynStatus status = LoadImageFromBytes(id, arBytes, FileLoadOptions(*this, true));
     return FinishCreate(*this, status, id);
 }
 

@@ -1,12 +1,7 @@
 // The multi-page family of Imaging: editable TIFF documents, the native
 // multi-frame writer and the file merges.
 #include "imaging/cImaging.h"
-#include "platform/Files.h"
 
-#include <algorithm>
-#include <cstdio>
-#include <filesystem>
-#include <sys/stat.h>
 #include <vector>
 
 #include "core/ImageLoader.h"
@@ -15,7 +10,6 @@
 #include "multipage/modMultiPage.h"
 
 namespace kestrelyn {
-
 
 namespace {
 
@@ -27,30 +21,23 @@ bool IsTiffDocument(std::int32_t nImageID) {
 // Opens a file as an editable TIFF document (a read-only GIF or a one-page
 // file becomes a one-page document).
 std::int32_t CreateDocumentFromFile(cImaging& self, const std::string& sFilePath, bool bICM) {
+    LoadOptions oOptions;
+    oOptions.bICM = bICM;
+    oOptions.bDisableKyimgplug = self.bDisableKyimgplugCodecs;
+    oOptions.bGifReadOnly = true;
     std::int32_t id = 0;
-    self.nStatus =
-        LoadImageFile(id, sFilePath, bICM, self.bDisableKyimgplugCodecs, false, 0, true, true);
+    self.nStatus = LoadImageFile(id, sFilePath, oOptions);
     if (self.nStatus != OK || id == 0) return 0;
-    if (IsEditableDocument(id, "TIFF")) {
+    if (IsEditableDocument(id, DocumentFormat::Tiff)) {
         self.nNativeImage = id;
         return id;
     }
     std::int32_t doc = 0;
-    self.nStatus = MakeDocumentFromImage(id, doc, "TIFF");
+    self.nStatus = MakeDocumentFromImage(id, doc, DocumentFormat::Tiff);
     ReleaseImage(id);
     if (self.nStatus != OK) return 0;
     self.nNativeImage = doc;
     return doc;
-}
-
-// Copies a file; false on any failure (the copy is then removed).
-bool CopyWholeFile(const std::string& sFrom, const std::string& sTo) {
-    std::error_code ec;
-    if (std::filesystem::copy_file(sFrom, sTo, std::filesystem::copy_options::overwrite_existing,
-                                   ec))
-        return true;
-    RemoveFileQuietly(sTo);
-    return false;
 }
 
 } // namespace
@@ -69,7 +56,7 @@ std::int32_t cImaging::TiffCreateMultiPageFromKestrelynImage(std::int32_t nImage
         return 0;
     }
     std::int32_t doc = 0;
-    nStatus = MakeDocumentFromImage(nImageID, doc, "TIFF");
+    nStatus = MakeDocumentFromImage(nImageID, doc, DocumentFormat::Tiff);
     if (nStatus != OK) return 0;
     nNativeImage = doc;
     return doc;
@@ -80,7 +67,7 @@ bool cImaging::TiffIsMultiPage(std::int32_t nImageID) {
 }
 
 bool cImaging::TiffIsEditableMultiPage(std::int32_t nImageID) {
-    return IsEditableDocument(nImageID, "TIFF");
+    return IsEditableDocument(nImageID, DocumentFormat::Tiff);
 }
 
 std::int32_t cImaging::TiffGetPageCount(std::int32_t nImageID) {
@@ -99,17 +86,18 @@ std::int32_t cImaging::TiffGetCurrentPage(std::int32_t nImageID) {
 
 KestrelynStatus cImaging::TiffSelectPage(std::int32_t nImageID, std::int32_t nPage) {
     if (!IsTiffDocument(nImageID)) return nStatus = UnsupportedImageFormat;
-    nStatus = SelectPage(nImageID, nPage - 1, "TIFF");
+    nStatus = SwitchPage(nImageID, nPage - 1, DocumentFormat::Tiff);
     return nStatus;
 }
 
 KestrelynStatus cImaging::TiffInsertPageFromFile(std::int32_t nImageID, std::int32_t nPosition,
                                                  const std::string& sFilePath) {
-    if (!IsEditableDocument(nImageID, "TIFF")) return nStatus = UnsupportedImageFormat;
+    if (!IsEditableDocument(nImageID, DocumentFormat::Tiff))
+        return nStatus = UnsupportedImageFormat;
     std::int32_t added = 0;
     nStatus = LoadPageFile(added, sFilePath);
     if (nStatus != OK) return nStatus;
-    nStatus = InsertPage(nImageID, nPosition, added, "TIFF");
+    nStatus = InsertPage(nImageID, nPosition, added, DocumentFormat::Tiff);
     ReleaseImage(added);
     return nStatus;
 }
@@ -117,8 +105,9 @@ KestrelynStatus cImaging::TiffInsertPageFromFile(std::int32_t nImageID, std::int
 KestrelynStatus cImaging::TiffInsertPageFromKestrelynImage(std::int32_t nImageID,
                                                            std::int32_t nPosition,
                                                            std::int32_t nAddImageID) {
-    if (!IsEditableDocument(nImageID, "TIFF")) return nStatus = UnsupportedImageFormat;
-    nStatus = InsertPage(nImageID, nPosition, nAddImageID, "TIFF");
+    if (!IsEditableDocument(nImageID, DocumentFormat::Tiff))
+        return nStatus = UnsupportedImageFormat;
+    nStatus = InsertPage(nImageID, nPosition, nAddImageID, DocumentFormat::Tiff);
     return nStatus;
 }
 
@@ -135,15 +124,17 @@ KestrelynStatus cImaging::TiffAppendPageFromKestrelynImage(std::int32_t nImageID
 }
 
 KestrelynStatus cImaging::TiffDeletePage(std::int32_t nImageID, std::int32_t nPage) {
-    if (!IsEditableDocument(nImageID, "TIFF")) return nStatus = UnsupportedImageFormat;
-    nStatus = DeletePage(nImageID, nPage, "TIFF");
+    if (!IsEditableDocument(nImageID, DocumentFormat::Tiff))
+        return nStatus = UnsupportedImageFormat;
+    nStatus = DeletePage(nImageID, nPage, DocumentFormat::Tiff);
     return nStatus;
 }
 
 KestrelynStatus cImaging::TiffSwapPages(std::int32_t nImageID, std::int32_t nPage1,
                                         std::int32_t nPage2) {
-    if (!IsEditableDocument(nImageID, "TIFF")) return nStatus = UnsupportedImageFormat;
-    nStatus = SwapPages(nImageID, nPage1, nPage2, "TIFF");
+    if (!IsEditableDocument(nImageID, DocumentFormat::Tiff))
+        return nStatus = UnsupportedImageFormat;
+    nStatus = SwapPages(nImageID, nPage1, nPage2, DocumentFormat::Tiff);
     return nStatus;
 }
 
@@ -186,57 +177,7 @@ KestrelynStatus cImaging::TiffMerge2Files(const std::string& sFilePath1,
 KestrelynStatus cImaging::TiffMergeFiles(const std::vector<std::string>& sFilesPath,
                                          const std::string& sFileDest,
                                          TifCompression nModeCompression) {
-    if (sFilesPath.empty()) return nStatus = FileNotFound;
-    std::vector<std::string> paths;
-    for (const std::string& s : sFilesPath) {
-        const std::string p = NormaliseLoadPath(s);
-        if (!IsRegularFile(p)) return nStatus = FileNotFound;
-        paths.push_back(p);
-    }
-    std::vector<std::string> temps;
-    std::int32_t deepest = 0;
-    KestrelynStatus status = OK;
-    for (const std::string& sPath : paths) {
-        std::int32_t id = 0;
-        status = LoadImageFile(id, sPath, false, true, false, 0, true, true);
-        if (status != OK) break;
-        const ImageRecord* rec = FindImageRecord(id);
-        const bool bDoc = rec && (rec->bMultiPageTiff || rec->bMultiPageGif);
-        const std::int32_t pages = bDoc ? std::max(1, rec->nPageCount) : 1;
-        for (std::int32_t i = 0; i < pages && status == OK; ++i) {
-            const std::string sTemp = MakeTempFileName();
-            rec = FindImageRecord(id);
-            const bool bHasFile = bDoc && static_cast<std::size_t>(i) < rec->arPageFiles.size() &&
-                                  !rec->arPageFiles[static_cast<std::size_t>(i)].empty();
-            std::int32_t depth = 0;
-            if (bHasFile) {
-                if (!CopyWholeFile(rec->arPageFiles[static_cast<std::size_t>(i)], sTemp))
-                    status = GenericError;
-                depth = rec->arPageDepths[static_cast<std::size_t>(i)];
-            } else {
-                // A plain image, or a page that only its source holds.
-                if (bDoc) SelectPage(id, i);
-                status = SaveByEngine(id, sTemp, "*.png");
-                if (status != OK) status = GenericError;
-                depth = ImageDepth(id);
-            }
-            if (status == OK) {
-                temps.push_back(sTemp);
-                deepest = std::max(deepest, depth);
-            } else {
-                RemoveFileQuietly(sTemp);
-            }
-        }
-        ReleaseImage(id);
-        if (status != OK) break;
-    }
-    if (status == OK) {
-        const std::int32_t compression = TiffCompressionForDepth(nModeCompression, deepest);
-        status = WritePageFilesAsTiff(temps, sFileDest, compression);
-    }
-    for (const std::string& sTemp : temps)
-        RemoveFileQuietly(sTemp);
-    nStatus = status;
+    nStatus = MergeFilesAsTiff(sFilesPath, sFileDest, nModeCompression);
     return nStatus;
 }
 

@@ -1,6 +1,7 @@
 // Which decoder takes a file, with and without the codec plug-in, and what
 // the format name says afterwards.
 #include "load_support.h"
+#include "support/Checkers.h"
 
 namespace kestrelyn::loadtest {
 namespace {
@@ -41,7 +42,7 @@ TEST_F(LoadDecoder, PluginRefusesTheEngineFormats) {
          {std::pair<std::string, GUID>{"b.bmp", EncoderClsidBMP}, {"b.png", EncoderClsidPNG}}) {
         const std::string path = WriteSample(name, clsid);
         std::int32_t id = 0;
-        EXPECT_EQ(LoadByPlugin(id, path, false, false, false), UnknownImageFormat) << name;
+        EXPECT_EQ(LoadByPlugin(id, path, LoadOptions{}), UnknownImageFormat) << name;
         EXPECT_EQ(id, 0);
         const std::int32_t loaded = img->CreateImageFromFile(path);
         ASSERT_NE(loaded, 0) << name;
@@ -51,7 +52,7 @@ TEST_F(LoadDecoder, PluginRefusesTheEngineFormats) {
     const std::string garbage = Path("unknown.dat");
     WriteBytes(garbage, std::vector<std::uint8_t>(64, 0x11));
     std::int32_t id = 0;
-    EXPECT_EQ(LoadByPlugin(id, garbage, false, false, false), UnknownImageFormat);
+    EXPECT_EQ(LoadByPlugin(id, garbage, LoadOptions{}), UnknownImageFormat);
 }
 
 TEST_F(LoadDecoder, NameWinsOverContentAndTheEngineRescuesAMislabelledFile) {
@@ -63,7 +64,7 @@ TEST_F(LoadDecoder, NameWinsOverContentAndTheEngineRescuesAMislabelledFile) {
     EXPECT_EQ(DetectPluginFormat(lying), PluginFormatTIFF);
 
     std::int32_t id = 0;
-    EXPECT_EQ(LoadByPlugin(id, lying, false, false, false), OutOfMemory);
+    EXPECT_EQ(LoadByPlugin(id, lying, LoadOptions{}), OutOfMemory);
     EXPECT_EQ(id, 0);
 
     const int fds = OpenDescriptors();
@@ -108,7 +109,7 @@ TEST_F(LoadDecoder, WithoutThePluginLoadsFallBackToTheEngine) {
     ReloadKyimgplug(&nowhere);
     const bool bAvailable = IsKyimgplugAvailable();
     std::int32_t direct = 0;
-    const KestrelynStatus plugStatus = LoadByPlugin(direct, jpg, false, false, false);
+    const KestrelynStatus plugStatus = LoadByPlugin(direct, jpg, LoadOptions{});
     std::intptr_t saved = 0;
     const std::int32_t fallback = img->CreateImageFromFile(jpg);
     const std::int32_t kind = fallback ? Record(fallback).nKind : -1;
@@ -133,9 +134,10 @@ TEST_F(LoadDecoder, WithoutThePluginLoadsFallBackToTheEngine) {
 
 TEST_F(LoadDecoder, SixteenBitColourIsToneMappedToEightBitsPerChannel) {
     const std::string tif = Path("deep.tif");
-    if (!Shell("/usr/bin/convert -size 5x3 xc:'rgb(200,100,50)' -depth 16 -compress none '" + tif +
-               "' 2>/dev/null"))
-        GTEST_SKIP() << "ImageMagick is not installed";
+    KY_REQUIRE_CHECKER(Shell("/usr/bin/convert -size 5x3 xc:'rgb(200,100,50)' -depth 16 -compress "
+                             "none '" +
+                             tif + "' 2>/dev/null"),
+                       "ImageMagick is not installed");
     const std::intptr_t raw = KYIMGPLUG_LoadU(PluginFormatTIFF, tif.c_str(), 0);
     ASSERT_NE(raw, 0);
     EXPECT_EQ(KYIMGPLUG_GetImageType(raw), KyimgplugTypeRGB16);

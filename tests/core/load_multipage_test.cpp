@@ -2,8 +2,11 @@
 // documents, read-only documents, GIF timing.
 #include "load_support.h"
 
+#include "core/PageStore.h"
+
 #include <atomic>
 #include <thread>
+#include "support/Checkers.h"
 
 namespace kestrelyn::loadtest {
 namespace {
@@ -49,14 +52,14 @@ TEST_P(LoadMultiPage, EditableTiffIsBurstIntoPageFilesThatGoWithTheImage) {
     // The source file is free: gone, and the document still works.
     ASSERT_EQ(::unlink(tif.c_str()), 0);
     EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(1, 1)), kThree[0]);
-    ASSERT_EQ(SelectPage(id, 2), OK);
+    ASSERT_EQ(ShowPage(id, 2), OK);
     EXPECT_EQ(Record(id).nCurrentPage, 2);
     EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(1, 1)), kThree[2]);
     EXPECT_EQ(img->GetWidth(), 6);
-    ASSERT_EQ(SelectPage(id, 1), OK);
+    ASSERT_EQ(ShowPage(id, 1), OK);
     EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), kThree[1]);
-    EXPECT_EQ(SelectPage(id, 3), InvalidParameter);
-    EXPECT_EQ(SelectPage(id, -1), InvalidParameter);
+    EXPECT_EQ(ShowPage(id, 3), InvalidParameter);
+    EXPECT_EQ(ShowPage(id, -1), InvalidParameter);
 
     // Only the current page is in memory.
     int pagesInMemory = 0;
@@ -99,10 +102,10 @@ TEST_P(LoadMultiPage, ReadOnlyTiffKeepsTheDocumentAndSelectsPageZero) {
         EXPECT_EQ(page.nPlugBitmap, head.nPlugBitmap);
     }
     EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(2, 2)), kThree[0]);
-    ASSERT_EQ(SelectPage(id, 2), OK);
+    ASSERT_EQ(ShowPage(id, 2), OK);
     EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(2, 2)), kThree[2]);
     const int live = LiveImagesNow();
-    ASSERT_EQ(SelectPage(id, 1), OK);
+    ASSERT_EQ(ShowPage(id, 1), OK);
     EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(2, 2)), kThree[1]);
     EXPECT_EQ(LiveImagesNow(), live); // the page left is released
     EXPECT_EQ(img->CloseImage(id), OK);
@@ -110,10 +113,127 @@ TEST_P(LoadMultiPage, ReadOnlyTiffKeepsTheDocumentAndSelectsPageZero) {
     EXPECT_EQ(OpenDescriptors(), fds);
 }
 
+TEST_P(LoadMultiPage, ReadOnlyDocumentHoldsItsSourceOnlyWhileItLives) {
+    const bool bEngine = GetParam();
+    const std::string tif = Path("three.tif");
+    ASSERT_TRUE(WriteMultiPageTiff(tif, kThree));
+    img->DisableKyimgplugCodecs(bEngine);
+    img->TiffOpenMultiPageAsReadOnly(true);
+    const int fds = OpenDescriptors();
+    const std::int32_t id = img->CreateImageFromFile(tif);
+    ASSERT_NE(id, 0) << img->GetStat();
+    // Both routes keep the file open and read each page from it: the engine
+    // through its own descriptor, the codec plug-in through its file handle.
+    const int whileOpen = 1;
+    EXPECT_EQ(DescriptorsOn(tif), whileOpen);
+    for (std::int32_t page : {2, 0, 1, 1}) {
+        ASSERT_EQ(img->TiffSelectPage(id, page + 1), OK) << page;
+        EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(3, 2)),
+                  kThree[static_cast<std::size_t>(page)]);
+        EXPECT_EQ(DescriptorsOn(tif), whileOpen) << "page " << page;
+    }
+    EXPECT_EQ(OpenDescriptors(), fds + whileOpen);
+    EXPECT_EQ(img->CloseImage(id), OK);
+    EXPECT_EQ(DescriptorsOn(tif), 0);
+    EXPECT_EQ(OpenDescriptors(), fds);
+}
+
+TEST_P(LoadMultiPage, EditableDocumentLeavesItsSourceClosedAfterLoading) {
+    const std::string tif = Path("three.tif");
+    ASSERT_TRUE(WriteMultiPageTiff(tif, kThree));
+    img->DisableKyimgplugCodecs(GetParam());
+    const std::int32_t id = img->CreateImageFromFile(tif);
+    ASSERT_NE(id, 0) << img->GetStat();
+    EXPECT_TRUE(img->TiffIsEditableMultiPage(id));
+    EXPECT_EQ(DescriptorsOn(tif), 0);
+    ASSERT_EQ(img->TiffSelectPage(id, 3), OK);
+    EXPECT_EQ(DescriptorsOn(tif), 0);
+    // The page files are the document: the source may change under it.
+    WriteBytes(tif, {'n', 'o', 'n', 'e'});
+    ASSERT_EQ(img->TiffSelectPage(id, 2), OK);
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), kThree[1]);
+    EXPECT_EQ(img->CloseImage(id), OK);
+}
+
 INSTANTIATE_TEST_SUITE_P(ByPluginAndByEngine, LoadMultiPage, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool>& info) {
                              return info.param ? std::string("Engine") : std::string("Plugin");
                          });
+
+// The engine's own decode of a multi-page TIFF file: the document keeps the
+// file open and reads each page from it when the page is selected.
+class EngineTiffFile : public LoadFixture {
+  protected:
+    const std::vector<std::string> kDescriptions = {"page one", "page two", "page three"};
+    std::string MakeTiff() {
+        const std::string tif = Path("described.tif");
+        EXPECT_TRUE(WriteMultiPageTiff(tif, kThree, kDescriptions));
+        return tif;
+    }
+    static std::string Description(GpImage* img) {
+        for (const PropertyValue& p : Properties(img))
+            if (p.id == 270) return std::string(p.bytes.begin(), p.bytes.end()).c_str();
+        return "";
+    }
+    static ARGB PixelAt(GpImage* img, INT x, INT y) {
+        ARGB c = 0;
+        GdipBitmapGetPixel(img, x, y, &c);
+        return c;
+    }
+};
+
+TEST_F(EngineTiffFile, PagesComeFromTheOpenFileWithTheTagsOfAMemoryDecode) {
+    const std::string tif = MakeTiff();
+    GpBitmap* fromFile = nullptr;
+    ASSERT_EQ(GdipCreateBitmapFromFile(tif, &fromFile), OK);
+    GpImage* fromMemory = nullptr;
+    ASSERT_EQ(GdipLoadImageFromStream(CreateMemoryStream(ReadBytes(tif)), &fromMemory), OK);
+    EXPECT_EQ(DescriptorsOn(tif), 1);
+    const int fds = OpenDescriptors();
+
+    // Gone from its folder, the file still serves every page.
+    ASSERT_EQ(::unlink(tif.c_str()), 0);
+    for (UINT frame : {2u, 0u, 1u}) {
+        ASSERT_EQ(GdipImageSelectActiveFrame(fromFile, &FrameDimensionPage, frame), OK) << frame;
+        ASSERT_EQ(GdipImageSelectActiveFrame(fromMemory, &FrameDimensionPage, frame), OK);
+        EXPECT_EQ(PixelAt(fromFile, 5, 3), kThree[frame]);
+        EXPECT_EQ(Description(fromFile), kDescriptions[frame]);
+        EXPECT_EQ(Properties(fromFile), Properties(fromMemory)) << "frame " << frame;
+    }
+
+    // A clone shares the pages, and the file with them.
+    GpImage* clone = nullptr;
+    ASSERT_EQ(GdipCloneImage(fromFile, &clone), OK);
+    EXPECT_EQ(GdipDisposeImage(fromFile), OK);
+    EXPECT_EQ(OpenDescriptors(), fds);
+    ASSERT_EQ(GdipImageSelectActiveFrame(clone, &FrameDimensionPage, 2), OK);
+    EXPECT_EQ(PixelAt(clone, 0, 0), kThree[2]);
+    EXPECT_EQ(GdipDisposeImage(clone), OK);
+    EXPECT_EQ(OpenDescriptors(), fds - 1);
+    GdipDisposeImage(fromMemory);
+}
+
+TEST_F(EngineTiffFile, AFileCutShortUnderTheDocumentGivesAStatusNotACrash) {
+    const std::string tif = MakeTiff();
+    GpBitmap* doc = nullptr;
+    ASSERT_EQ(GdipCreateBitmapFromFile(tif, &doc), OK);
+    ASSERT_EQ(::truncate(tif.c_str(), 16), 0);
+    EXPECT_NE(GdipImageSelectActiveFrame(doc, &FrameDimensionPage, 2), OK);
+    // The page shown before stays.
+    EXPECT_EQ(PixelAt(doc, 1, 1), kThree[0]);
+    EXPECT_EQ(GdipDisposeImage(doc), OK);
+    EXPECT_EQ(DescriptorsOn(tif), 0);
+}
+
+TEST_F(EngineTiffFile, OnePageFileIsDecodedWholeAndKeepsNoFileOpen) {
+    const std::string one = Path("one.tif");
+    ASSERT_TRUE(WriteMultiPageTiff(one, {kThree[1]}));
+    GpBitmap* page = nullptr;
+    ASSERT_EQ(GdipCreateBitmapFromFile(one, &page), OK);
+    EXPECT_EQ(DescriptorsOn(one), 0);
+    EXPECT_EQ(PixelAt(page, 2, 2), kThree[1]);
+    GdipDisposeImage(page);
+}
 
 class LoadGif : public LoadFixture {
   protected:
@@ -136,7 +256,7 @@ class LoadGif : public LoadFixture {
 
 TEST_F(LoadGif, EditableGifIsBurstIntoPngPagesWithItsTiming) {
     const std::string gif = MakeGif();
-    if (gif.empty()) GTEST_SKIP() << "Python PIL is not installed";
+    KY_REQUIRE_CHECKER(!(gif.empty()), "Python PIL is not installed");
     const std::int32_t id = img->CreateImageFromFile(gif);
     ASSERT_NE(id, 0) << img->GetStat();
     const ImageRecord head = Record(id);
@@ -159,7 +279,7 @@ TEST_F(LoadGif, EditableGifIsBurstIntoPngPagesWithItsTiming) {
         EXPECT_EQ(bytes[3], 'G');
     }
     EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), 0xFFFF0000u);
-    ASSERT_EQ(SelectPage(id, 2), OK);
+    ASSERT_EQ(ShowPage(id, 2), OK);
     EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), 0xFF0000FFu);
     img->CloseImage(id);
     EXPECT_EQ(TempFiles(), 0);
@@ -167,7 +287,7 @@ TEST_F(LoadGif, EditableGifIsBurstIntoPngPagesWithItsTiming) {
 
 TEST_F(LoadGif, ReadOnlyGifStaysInTheEngine) {
     const std::string gif = MakeGif();
-    if (gif.empty()) GTEST_SKIP() << "Python PIL is not installed";
+    KY_REQUIRE_CHECKER(!(gif.empty()), "Python PIL is not installed");
     img->GifOpenMultiPageAsReadOnly(true);
     const std::int32_t id = img->CreateImageFromFile(gif);
     ASSERT_NE(id, 0);
@@ -176,8 +296,26 @@ TEST_F(LoadGif, ReadOnlyGifStaysInTheEngine) {
     EXPECT_EQ(head.nKind, KindEngineFile);
     EXPECT_EQ(head.arPageDelays[0], 25);
     EXPECT_EQ(TempFiles(), 0);
-    ASSERT_EQ(SelectPage(id, 1), OK);
+    ASSERT_EQ(ShowPage(id, 1), OK);
     EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), 0xFF00FF00u);
+}
+
+TEST_F(LoadGif, ReadOnlyGifHoldsItsFileUntilClosedAndEditableDoesNot) {
+    const std::string gif = MakeGif();
+    KY_REQUIRE_CHECKER(!(gif.empty()), "Python PIL is not installed");
+    const std::int32_t editable = img->CreateImageFromFile(gif);
+    ASSERT_NE(editable, 0);
+    EXPECT_EQ(DescriptorsOn(gif), 0);
+    img->GifOpenMultiPageAsReadOnly(true);
+    const std::int32_t id = img->CreateImageFromFile(gif);
+    ASSERT_NE(id, 0);
+    EXPECT_EQ(DescriptorsOn(gif), 1);
+    ASSERT_EQ(ShowPage(id, 2), OK);
+    EXPECT_EQ(static_cast<ARGB>(img->PixelGetColor(0, 0)), 0xFF0000FFu);
+    EXPECT_EQ(DescriptorsOn(gif), 1);
+    EXPECT_EQ(img->CloseImage(id), OK);
+    EXPECT_EQ(DescriptorsOn(gif), 0);
+    EXPECT_EQ(img->CloseImage(editable), OK);
 }
 
 TEST_F(LoadGif, StreamsOfSeveralPagesAreBurstToo) {
@@ -204,7 +342,7 @@ TEST_F(LoadGif, ThreadsLoadSideBySideWithRegistriesOfTheirOwn) {
             const std::int32_t doc = local.CreateImageFromFile(tif);
             const ImageRecord* head = FindImageRecord(doc);
             const bool docOk = head && head->nPageCount == 3 && head->arPageFiles.size() == 3 &&
-                               SelectPage(doc, 2) == OK &&
+                               ShowPage(doc, 2) == OK &&
                                static_cast<ARGB>(local.PixelGetColor(1, 1)) == kThree[2];
             const std::int32_t pic = local.CreateImageFromFile(tga);
             const bool picOk = pic != 0 && local.GetImageFormat(pic) == "TARGA" &&

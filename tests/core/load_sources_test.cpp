@@ -47,7 +47,7 @@ TEST_F(LoadSources, MissingFilesGiveFileNotFoundAndKeepTheNativeImage) {
         EXPECT_EQ(img->GetNativeImage(), first);
     }
     std::int32_t id = 7;
-    EXPECT_EQ(LoadImageFile(id, "", false, false, false, 0, true, false), FileNotFound);
+    EXPECT_EQ(LoadImageFile(id, "", LoadOptions{}), FileNotFound);
     EXPECT_EQ(id, 0);
 }
 
@@ -73,8 +73,7 @@ TEST_F(LoadSources, AnEmptyPathAsksTheUserUnlessNoDialogIsWanted) {
     auto old = SetHostServices(host);
     const std::int32_t id = img->CreateImageFromFile(" ");
     std::int32_t quiet = 0;
-    const KestrelynStatus quietStatus =
-        LoadImageFile(quiet, "", false, false, false, 0, true, false);
+    const KestrelynStatus quietStatus = LoadImageFile(quiet, "", LoadOptions{.bNoDialog = true});
     host->choice.clear(); // the user cancels
     const std::int32_t cancelled = img->CreateImageFromFile("");
     const KestrelynStatus cancelledStatus = img->GetStat();

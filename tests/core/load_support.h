@@ -1,7 +1,9 @@
 // Helpers of the loading tests: sample files made by the engine's encoders,
 // a private temporary folder, descriptor counts.
 #pragma once
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,11 +17,11 @@
 #include <string>
 #include <vector>
 
-#include "core/ImageLoader.h"
-#include "imaging/cImaging.h"
-#include "core/modMain.h"
 #include "core/CodecPluginBridge.h"
+#include "core/ImageLoader.h"
+#include "core/modMain.h"
 #include "file_support.h"
+#include "imaging/cImaging.h"
 #include "kestrelyn/Imaging.h"
 #include "platform/modGdiPlus.h"
 #include "platform/modkyimgplug.h"
@@ -32,6 +34,26 @@ using coretest::ReadBytes;
 
 inline int OpenDescriptors() {
     return CountEntries("/proc/self/fd");
+}
+
+// Descriptors of this process open on the file at sPath (by the link each
+// entry of /proc/self/fd holds).
+inline int DescriptorsOn(const std::string& sPath) {
+    char real[PATH_MAX];
+    if (!::realpath(sPath.c_str(), real)) return 0;
+    int n = 0;
+    if (DIR* d = ::opendir("/proc/self/fd")) {
+        while (dirent* e = ::readdir(d)) {
+            const std::string entry = std::string("/proc/self/fd/") + e->d_name;
+            char target[PATH_MAX];
+            const ssize_t len = ::readlink(entry.c_str(), target, sizeof target - 1);
+            if (len <= 0) continue;
+            target[len] = '\0';
+            n += std::strcmp(target, real) == 0;
+        }
+        ::closedir(d);
+    }
+    return n;
 }
 
 // Records of the thread's registry that hold an image.
@@ -66,6 +88,31 @@ inline GpBitmap* MakeBitmap(INT w, INT h, ARGB nColour = 0, PixelFormat fmt = Pi
     return out;
 }
 
+// Every property item of an image as (id, type, bytes), in the image's order.
+struct PropertyValue {
+    PROPID id;
+    std::uint16_t type;
+    std::vector<std::uint8_t> bytes;
+    bool operator==(const PropertyValue&) const = default;
+};
+inline std::vector<PropertyValue> Properties(GpImage* img) {
+    std::vector<PropertyValue> out;
+    UINT count = 0;
+    if (GdipGetPropertyCount(img, &count) != OK || count == 0) return out;
+    std::vector<PROPID> ids(count);
+    if (GdipGetPropertyIdList(img, count, ids.data()) != OK) return out;
+    for (PROPID id : ids) {
+        UINT size = 0;
+        if (GdipGetPropertyItemSize(img, id, &size) != OK) continue;
+        std::vector<std::uint8_t> buffer(size);
+        auto* item = reinterpret_cast<PropertyItem*>(buffer.data());
+        if (GdipGetPropertyItem(img, id, size, item) != OK) continue;
+        const auto* v = static_cast<const std::uint8_t*>(item->value);
+        out.push_back({id, item->type, std::vector<std::uint8_t>(v, v + item->length)});
+    }
+    return out;
+}
+
 inline ARGB PatternAt(INT x, INT y) {
     return 0xFF000040u | (ARGB(x * 16 & 0xFF) << 16) | (ARGB(y * 16 & 0xFF) << 8);
 }
@@ -84,11 +131,19 @@ inline EncoderParameters SaveFlag(UINT* pValue) {
     return p;
 }
 
-// A TIFF with one page per colour (each 6 by 4).
-inline bool WriteMultiPageTiff(const std::string& sPath, const std::vector<ARGB>& arColours) {
+// A TIFF with one page per colour (each 6 by 4); a page with a description
+// carries it as tag 270.
+inline bool WriteMultiPageTiff(const std::string& sPath, const std::vector<ARGB>& arColours,
+                               const std::vector<std::string>& arDescriptions = {}) {
     std::vector<GpBitmap*> pages;
-    for (ARGB c : arColours)
+    for (ARGB c : arColours) {
         pages.push_back(MakeBitmap(6, 4, c));
+        if (pages.size() > arDescriptions.size()) continue;
+        std::string text = arDescriptions[pages.size() - 1];
+        PropertyItem item{270, static_cast<std::uint32_t>(text.size() + 1), PropertyTagTypeASCII,
+                          text.data()};
+        GdipSetPropertyItem(pages.back(), &item);
+    }
     UINT flag = EncoderValueMultiFrame;
     EncoderParameters p = SaveFlag(&flag);
     bool ok = GdipSaveImageToFile(pages[0], sPath, &EncoderClsidTIFF, &p) == OK;

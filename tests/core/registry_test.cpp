@@ -158,17 +158,10 @@ TEST_F(RegistryTest, MultiPageHeadResolvesToCurrentPageAndReleasesAll) {
     EXPECT_EQ(ThreadRegistry().arRecords[0].nImageID, 0);
 }
 
-KestrelynStatus StorePageForTest(std::int32_t, std::int32_t, const std::string& sFilePath, bool) {
-    WriteFile(sFilePath, "stored");
-    return OK;
-}
-
 TEST_F(RegistryTest, ReplaceOnEditableMultiPageReplacesCurrentPage) {
     FakeMultiPage m = MakeFakeMultiPage();
     const std::int32_t fresh = RegisterNewBitmap(2, 2, PixelFormat24bppRGB);
-    SetPageStoreHook(&StorePageForTest);
     EXPECT_EQ(ReplaceImage(m.head, fresh), m.head);
-    SetPageStoreHook(nullptr);
     const ImageRecord* rec = FindImageRecord(m.head);
     ASSERT_NE(rec, nullptr);
     EXPECT_EQ(rec->arPageImages[0], fresh);

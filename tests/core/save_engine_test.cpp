@@ -4,6 +4,7 @@
 #include "core/CodecPluginBridge.h"
 #include "platform/modkyimgplug.h"
 #include "tests/core/save_support.h"
+#include "support/Checkers.h"
 
 namespace kestrelyn::savetest {
 namespace {
@@ -104,7 +105,7 @@ TEST_F(SaveEngine, JpegQualityIsClampedAndChangesTheSize) {
 }
 
 TEST_F(SaveEngine, GreyRampJpegStaysOneComponentUnlessThePluginIsDisabled) {
-    if (!IsKyimgplugAvailable()) GTEST_SKIP() << "codec plug-in not built";
+    KY_REQUIRE_CHECKER(!(!IsKyimgplugAvailable()), "codec plug-in not built");
     const std::int32_t id = NewNative(64, 40, 8);
     SetGreyRamp(id, true);
     FillIndices(id);

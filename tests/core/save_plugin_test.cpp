@@ -2,6 +2,7 @@
 #include "core/CodecPluginBridge.h"
 #include "platform/modkyimgplug.h"
 #include "tests/core/save_support.h"
+#include "support/Checkers.h"
 
 namespace kestrelyn::savetest {
 namespace {
@@ -9,7 +10,7 @@ namespace {
 using SavePlugin = SaveFixture;
 
 TEST_F(SavePlugin, FormatsRefusedByPixelFormat) {
-    if (!IsKyimgplugAvailable()) GTEST_SKIP() << "codec plug-in not built";
+    KY_REQUIRE_CHECKER(!(!IsKyimgplugAvailable()), "codec plug-in not built");
     NewNative(20, 10, 24);
     EXPECT_EQ(img->SaveAsWBMP(W("a.wbmp")), UnsupportedPixelFormat);
     EXPECT_EQ(img->SaveAsTGA(W("a.tga")), UnsupportedPixelFormat);
@@ -22,7 +23,7 @@ TEST_F(SavePlugin, FormatsRefusedByPixelFormat) {
 }
 
 TEST_F(SavePlugin, PluginFilesAreReadByIndependentReaders) {
-    if (!IsKyimgplugAvailable()) GTEST_SKIP() << "codec plug-in not built";
+    KY_REQUIRE_CHECKER(!(!IsKyimgplugAvailable()), "codec plug-in not built");
     const std::int32_t rgb = NewNative(33, 21, 24, 6);
     const std::vector<std::uint8_t> ours = ImageRgb(rgb);
     ASSERT_EQ(img->SaveAsXPM(W("a.xpm")), OK);
@@ -90,7 +91,7 @@ TEST_F(SavePlugin, AbsentPluginGives300) {
 }
 
 TEST_F(SavePlugin, IconsAre32By32) {
-    if (!IsKyimgplugAvailable()) GTEST_SKIP() << "codec plug-in not built";
+    KY_REQUIRE_CHECKER(!(!IsKyimgplugAvailable()), "codec plug-in not built");
     const std::int32_t id = img->CreateNewImage(64, 64, 32, 0xFF0000FFu);
     img->SetNativeImage(id);
     ASSERT_EQ(img->SaveAsICO(W("blue.ico"), true, 0xFF0000FFu), OK);

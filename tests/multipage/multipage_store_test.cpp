@@ -228,6 +228,64 @@ TEST_F(MultiPage, ReadOnlyDocumentsMoveBetweenFramesAndRefuseEdits) {
     EXPECT_EQ(CountEntries(tmp), 0);
 }
 
+TEST_F(MultiPage, BurstPagesAreLzwTiffsAtTheirOwnDepthOnBothRoutes) {
+    // A file of a 1-bit, an 8-bit and a 24-bit page, stored uncompressed.
+    const std::int32_t bw = NewNative(40, 30, 1);
+    PaintBits(bw, [](UINT x, UINT y) { return (x * y) % 5 == 0; });
+    const std::int32_t grey = img->CreateNewImage(40, 30, 8, 0xFF000000u);
+    const std::int32_t colour = NewNative(40, 30, 24, 12);
+    img->SetNativeImage(bw);
+    ASSERT_EQ(img->TiffSaveAsNativeMultiPage(W("mixed.tif"), CompressionNone), OK);
+    ASSERT_EQ(img->TiffAddToNativeMultiPage(grey), OK);
+    ASSERT_EQ(img->TiffAddToNativeMultiPage(colour), OK);
+    ASSERT_EQ(img->TiffCloseNativeMultiPage(), OK);
+    ASSERT_EQ(TiffCompressions(W("mixed.tif")), (std::vector<std::string>{"None", "None", "None"}));
+    for (bool bEngine : {true, false}) {
+        img->DisableKyimgplugCodecs(bEngine);
+        const std::int32_t doc = img->CreateImageFromFile(W("mixed.tif"));
+        ASSERT_NE(doc, 0) << bEngine;
+        const ImageRecord& head = Head(doc);
+        EXPECT_EQ(head.arPageDepths, (std::vector<std::int32_t>{1, 8, 24})) << bEngine;
+        ASSERT_EQ(head.arPageFiles.size(), 3u);
+        for (int i = 0; i < 3; ++i) {
+            const std::string& page = head.arPageFiles[static_cast<std::size_t>(i)];
+            EXPECT_EQ(TiffCompressions(page), std::vector<std::string>{"LZW"}) << bEngine << i;
+            EXPECT_EQ(PilRgb(page), PilRgb(W("mixed.tif"), i)) << bEngine << i;
+        }
+        EXPECT_EQ(PilInfo(head.arPageFiles[0]), "40 30 1");
+        EXPECT_EQ(PilInfo(head.arPageFiles[2]), "40 30 RGB");
+        ASSERT_EQ(img->CloseImage(doc), OK);
+    }
+}
+
+TEST_F(MultiPage, GifDocumentsKeepTheirPagesAsPng) {
+    const std::int32_t first = NewNative(20, 10, 24, 5);
+    const std::int32_t second = NewNative(20, 10, 24, 6);
+    const std::vector<std::uint8_t> secondPixels = ImageRgb(second);
+    std::int32_t doc = 0;
+    ASSERT_EQ(MakeDocumentFromImage(first, doc, DocumentFormat::Gif), OK);
+    EXPECT_EQ(img->GetImageFormat(doc), "GIF");
+    EXPECT_FALSE(img->TiffIsMultiPage(doc));
+    ASSERT_EQ(InsertPage(doc, 2, second, DocumentFormat::Gif), OK);
+    EXPECT_EQ(InsertPage(doc, 1, second, DocumentFormat::Tiff), GenericError);
+    EXPECT_EQ(SwitchPage(doc, 1, DocumentFormat::Tiff), UnsupportedImageFormat);
+    ASSERT_EQ(SwitchPage(doc, 1, DocumentFormat::Gif), OK);
+    EXPECT_EQ(ImageRgb(doc), secondPixels);
+    // A replacement through the registry is stored at once, by the GIF rule.
+    const std::int32_t third = NewNative(20, 10, 24, 7);
+    const std::vector<std::uint8_t> thirdPixels = ImageRgb(third);
+    EXPECT_EQ(ReplaceImage(doc, third), doc);
+    EXPECT_EQ(ImageRgb(doc), thirdPixels);
+    for (const std::string& page : Head(doc).arPageFiles) {
+        const std::vector<std::uint8_t> bytes = ReadBytes(page);
+        ASSERT_GE(bytes.size(), 4u);
+        EXPECT_EQ(std::string(bytes.begin() + 1, bytes.begin() + 4), "PNG") << page;
+    }
+    EXPECT_EQ(PilRgb(Head(doc).arPageFiles[1]), thirdPixels);
+    EXPECT_FALSE(FindImageRecord(third)->bModified);
+    ASSERT_EQ(img->CloseImage(doc), OK);
+}
+
 TEST_F(MultiPage, MergeKeepsTheArgumentOrderAndLeavesNoTemporaryFile) {
     const std::string f = MakeTiff("two.tif", 2);
     const std::int32_t j = NewNative(30, 20, 24, 3);

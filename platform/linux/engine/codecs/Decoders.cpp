@@ -1,8 +1,13 @@
-// Loading entry points: the content's first bytes choose the decoder.
+// Loading entry points: the content's first bytes choose the decoder. A
+// multi-frame file keeps its file open while its image lives.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <new>
 
 #include "platform/linux/engine/codecs/CodecCommon.h"
+#include "platform/linux/engine/codecs/TiffCodec.h"
 
 namespace kestrelyn {
 
@@ -25,7 +30,36 @@ Kind Sniff(const Bytes& d) {
     return Kind::Unknown;
 }
 
-GpStatus DecodeBytes(Bytes&& data, GpImage** out) {
+// A GIF of several frames read from a file holds that file open while the
+// image lives, as a TIFF document does (giflib has decoded every frame at
+// open, so nothing more is read from it).
+class HeldFileFrames final : public engine::FrameSource {
+  public:
+    HeldFileFrames(std::shared_ptr<engine::FrameSource> frames, int fd)
+        : frames_(std::move(frames)), fd_(fd) {}
+    HeldFileFrames(const HeldFileFrames&) = delete;
+    HeldFileFrames& operator=(const HeldFileFrames&) = delete;
+    ~HeldFileFrames() override { ::close(fd_); }
+    GUID Dimension() const override { return frames_->Dimension(); }
+    UINT FrameCount() const override { return frames_->FrameCount(); }
+    GpStatus DecodeFrame(UINT index, GpImage** frame) override {
+        return frames_->DecodeFrame(index, frame);
+    }
+
+  private:
+    std::shared_ptr<engine::FrameSource> frames_;
+    int fd_;
+};
+
+// Without a descriptor to spare the frames stay as they are.
+void HoldSourceFile(GpImage& image, const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    image.frames = std::make_shared<HeldFileFrames>(std::move(image.frames), fd);
+}
+
+// `path` names the file the bytes came from, empty for memory and streams.
+GpStatus DecodeBytes(Bytes&& data, GpImage** out, const std::string& path = {}) {
     if (!out) return InvalidParameter;
     *out = nullptr;
     try {
@@ -38,9 +72,16 @@ GpStatus DecodeBytes(Bytes&& data, GpImage** out) {
             return codecs::DecodeBmp(data, out);
         case Kind::Ico:
             return codecs::DecodeIco(data, out);
-        case Kind::Gif:
-            return codecs::DecodeGif(std::make_shared<const Bytes>(std::move(data)), out);
+        case Kind::Gif: {
+            const GpStatus st =
+                codecs::DecodeGif(std::make_shared<const Bytes>(std::move(data)), out);
+            if (st == OK && !path.empty() && (*out)->frames) HoldSourceFile(**out, path);
+            return st;
+        }
         case Kind::Tiff:
+            if (!path.empty())
+                return codecs::DecodeTiffFile(path, std::make_shared<const Bytes>(std::move(data)),
+                                              out);
             return codecs::DecodeTiff(std::make_shared<const Bytes>(std::move(data)), out);
         case Kind::Unknown:
             break;
@@ -63,7 +104,7 @@ GpStatus LoadFile(const std::string& path, GpImage** out) {
     Bytes data;
     GpStatus st = codecs::ReadFileBytes(path, data);
     if (st != OK) return st;
-    return DecodeBytes(std::move(data), out);
+    return DecodeBytes(std::move(data), out, path);
 }
 
 GpStatus LoadStream(const StreamPtr& stream, GpImage** out) {

@@ -13,8 +13,10 @@
 //     24bppRGB or 32bppARGB when the file has alpha.
 // Every tag of the page's IFD (and its EXIF/GPS IFDs) becomes a property item,
 // tag number as id, in file order. Resolution in centimetres is converted to
-// dots per inch. Files of several pages keep their bytes in a frame source
-// (frame dimension "page").
+// dots per inch. Files of several pages become a frame source (frame
+// dimension "page"): one read from a file keeps that file open and reads each
+// page from it when the page is selected, with the tags of every page taken
+// from the bytes at open; one read from memory keeps the bytes.
 //
 // Encoding: LZW by default; CCITT3, CCITT4 and CCITT RLE for bilevel images
 // (deeper images fall back to LZW); None. Indexed images keep their palette,
@@ -22,9 +24,13 @@
 // through the engine first. A multi-frame save (SaveFlag MultiFrame) stays
 // open for GdipSaveAddImage until GdipSaveAdd with Flush. Property items are
 // written back as tags (WriteProperties).
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <tiffio.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -92,6 +98,62 @@ int MemMap(thandle_t h, void** base, toff_t* size) {
 }
 void MemUnmap(thandle_t, void*, toff_t) {}
 
+// ------------------------------------------------------------ file I/O
+// An open file read at explicit offsets: the descriptor is the document's,
+// closed with it.
+struct DiskFile {
+    int fd = -1;
+    std::uint64_t pos = 0;
+    DiskFile() = default;
+    DiskFile(const DiskFile&) = delete;
+    DiskFile& operator=(const DiskFile&) = delete;
+    ~DiskFile() {
+        if (fd >= 0) ::close(fd);
+    }
+};
+
+tmsize_t DiskRead(thandle_t h, void* buf, tmsize_t n) {
+    auto* f = static_cast<DiskFile*>(h);
+    if (n <= 0) return 0;
+    auto* out = static_cast<std::uint8_t*>(buf);
+    const auto want = static_cast<std::size_t>(n);
+    std::size_t done = 0;
+    while (done < want) {
+        const ssize_t k =
+            ::pread(f->fd, out + done, want - done, static_cast<off_t>(f->pos + done));
+        if (k < 0 && errno == EINTR) continue;
+        if (k < 0) return -1;
+        if (k == 0) break; // the file ends (or was cut short since the open)
+        done += static_cast<std::size_t>(k);
+    }
+    f->pos += done;
+    return static_cast<tmsize_t>(done);
+}
+tmsize_t DiskWrite(thandle_t, void*, tmsize_t) {
+    return -1;
+}
+toff_t DiskSize(thandle_t h) {
+    struct stat st {};
+    if (::fstat(static_cast<DiskFile*>(h)->fd, &st) != 0 || st.st_size < 0) return 0;
+    return static_cast<toff_t>(st.st_size);
+}
+toff_t DiskSeek(thandle_t h, toff_t off, int whence) {
+    auto* f = static_cast<DiskFile*>(h);
+    std::uint64_t base = whence == SEEK_CUR ? f->pos : whence == SEEK_END ? DiskSize(h) : 0;
+    std::uint64_t p = base + off;
+    if (p > (std::uint64_t{1} << 40)) return static_cast<toff_t>(-1);
+    f->pos = p;
+    return p;
+}
+int DiskClose(thandle_t) {
+    return 0;
+}
+// Never mapped: a file cut short by someone else must give a read error, not
+// a fault.
+int DiskMap(thandle_t, void**, toff_t*) {
+    return 0;
+}
+
 int Quiet(TIFF*, void*, const char*, const char*, va_list) {
     return 1;
 }
@@ -108,6 +170,18 @@ TIFF* OpenMem(MemFile* m, const char* mode) {
     return t;
 }
 
+TIFF* OpenDisk(DiskFile* f) {
+    TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
+    if (!opts) return nullptr;
+    TIFFOpenOptionsSetErrorHandlerExtR(opts, Quiet, nullptr);
+    TIFFOpenOptionsSetWarningHandlerExtR(opts, Quiet, nullptr);
+    TIFFOpenOptionsSetMaxSingleMemAlloc(opts, static_cast<tmsize_t>(kMaxPixelBytes));
+    TIFF* t = TIFFClientOpenExt("file", "r", f, DiskRead, DiskWrite, DiskSeek, DiskClose, DiskSize,
+                                DiskMap, MemUnmap, opts);
+    TIFFOpenOptionsFree(opts);
+    return t;
+}
+
 // A file written in place by libtiff.
 TIFF* OpenPath(const std::string& path) {
     TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
@@ -120,10 +194,14 @@ TIFF* OpenPath(const std::string& path) {
 }
 
 // ------------------------------------------------------------ decoding
+// A document: read from memory (`file`), or from a file it keeps open
+// (`disk`, with the tags of each page read at open in `pageProperties`).
 struct TiffDoc {
     MemFile file;
+    DiskFile disk;
     TIFF* tif = nullptr;
     UINT pages = 0;
+    std::vector<std::vector<engine::PropertyRecord>> pageProperties;
     ~TiffDoc() {
         if (tif) TIFFClose(tif);
     }
@@ -413,8 +491,11 @@ GpStatus DecodePage(TiffDoc& doc, UINT index, GpImage** out) {
         GdipBitmapSetResolution(img.get(), rx * k, ry * k);
         flags |= ImageFlagsHasRealDPI;
     }
-    ReadIfdProperties(img.get(), doc.file.source->data(), doc.file.source->size(),
-                      static_cast<std::uint32_t>(TIFFCurrentDirOffset(tif)));
+    if (index < doc.pageProperties.size())
+        img->properties = doc.pageProperties[index];
+    else
+        ReadIfdProperties(img.get(), doc.file.source->data(), doc.file.source->size(),
+                          static_cast<std::uint32_t>(TIFFCurrentDirOffset(tif)));
     img->flags = flags;
     img->rawFormat = ImageFormatTIFF;
     *out = img.release();
@@ -442,15 +523,10 @@ class TiffPages final : public engine::FrameSource {
 
 } // namespace
 
-GpStatus DecodeTiff(SharedBytes data, GpImage** out) {
-    *out = nullptr;
-    auto doc = std::make_unique<TiffDoc>();
-    doc->file.source = std::move(data);
-    doc->tif = OpenMem(&doc->file, "r"); // mapped: see MemMap
-    if (!doc->tif) return UnknownImageFormat;
-    doc->pages = TIFFNumberOfDirectories(doc->tif);
-    if (doc->pages == 0) return UnknownImageFormat;
-    if (doc->pages == 1) return DecodePage(*doc, 0, out);
+namespace {
+
+// A document of several pages as a bitmap showing page 0.
+GpStatus AttachPages(std::unique_ptr<TiffDoc> doc, GpImage** out) {
     GpImage* raw = nullptr;
     GpStatus st = NewBitmap(1, 1, PixelFormat32bppARGB, &raw);
     if (st != OK) return st;
@@ -460,6 +536,60 @@ GpStatus DecodeTiff(SharedBytes data, GpImage** out) {
         return st;
     *out = img.release();
     return OK;
+}
+
+// The same document read from the file at `path`, which it keeps open; null
+// when the file cannot be opened or no longer holds the document read into
+// `mem` (the caller then keeps the bytes). The tags of every page are read
+// from the bytes now: the tag reader works on the whole file in memory.
+std::unique_ptr<TiffDoc> OpenOnDisk(const std::string& path, TiffDoc& mem) {
+    auto doc = std::make_unique<TiffDoc>();
+    doc->disk.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (doc->disk.fd < 0) return nullptr;
+    struct stat st {};
+    if (::fstat(doc->disk.fd, &st) != 0 || !S_ISREG(st.st_mode) ||
+        static_cast<std::uint64_t>(st.st_size) != mem.file.source->size())
+        return nullptr;
+    doc->tif = OpenDisk(&doc->disk);
+    if (!doc->tif) return nullptr;
+    doc->pages = TIFFNumberOfDirectories(doc->tif);
+    if (doc->pages != mem.pages || !TIFFSetDirectory(mem.tif, 0)) return nullptr;
+    doc->pageProperties.resize(mem.pages);
+    for (UINT i = 0; i < mem.pages; ++i) {
+        if (i > 0 && !TIFFReadDirectory(mem.tif)) return nullptr;
+        GpImage tags;
+        ReadIfdProperties(&tags, mem.file.source->data(), mem.file.source->size(),
+                          static_cast<std::uint32_t>(TIFFCurrentDirOffset(mem.tif)));
+        doc->pageProperties[i] = std::move(tags.properties);
+    }
+    return doc;
+}
+
+std::unique_ptr<TiffDoc> OpenInMemory(SharedBytes data) {
+    auto doc = std::make_unique<TiffDoc>();
+    doc->file.source = std::move(data);
+    doc->tif = OpenMem(&doc->file, "r"); // mapped: see MemMap
+    if (doc->tif) doc->pages = TIFFNumberOfDirectories(doc->tif);
+    return doc;
+}
+
+} // namespace
+
+GpStatus DecodeTiff(SharedBytes data, GpImage** out) {
+    *out = nullptr;
+    std::unique_ptr<TiffDoc> doc = OpenInMemory(std::move(data));
+    if (!doc->tif || doc->pages == 0) return UnknownImageFormat;
+    if (doc->pages == 1) return DecodePage(*doc, 0, out);
+    return AttachPages(std::move(doc), out);
+}
+
+GpStatus DecodeTiffFile(const std::string& path, SharedBytes data, GpImage** out) {
+    *out = nullptr;
+    std::unique_ptr<TiffDoc> doc = OpenInMemory(std::move(data));
+    if (!doc->tif || doc->pages == 0) return UnknownImageFormat;
+    if (doc->pages == 1) return DecodePage(*doc, 0, out);
+    if (std::unique_ptr<TiffDoc> onDisk = OpenOnDisk(path, *doc)) doc = std::move(onDisk);
+    return AttachPages(std::move(doc), out);
 }
 
 // ------------------------------------------------------------ encoding

@@ -1,6 +1,7 @@
-// The TIFF writer: pages are added one by one, the file is complete at Finish.
-// With a path, libtiff writes each page to the file as it is added (nothing
-// of the file is held in memory); without one the file is built in memory.
+// The TIFF decoder of files, and the TIFF writer: pages are added one by one,
+// the file is complete at Finish. With a path, libtiff writes each page to
+// the file as it is added (nothing of the file is held in memory); without
+// one the file is built in memory.
 #pragma once
 #include <memory>
 #include <string>
@@ -8,6 +9,11 @@
 #include "platform/linux/engine/codecs/CodecCommon.h"
 
 namespace kestrelyn::codecs {
+
+// Decodes a TIFF file whose bytes were read from `path`. A file of several
+// pages stays open while the image (or a clone sharing its pages) lives, and
+// each page is read from it when selected; the bytes are not kept.
+GpStatus DecodeTiffFile(const std::string& path, SharedBytes data, GpImage** out);
 
 class TiffWriter {
   public:
