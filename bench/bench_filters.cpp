@@ -33,7 +33,7 @@ kestrelyn::Imaging& Bench() {
     return *im;
 }
 
-template <typename Fn> void RunFilter(benchmark::State& state, Fn fn) {
+template <typename Fn> void TimeMember(benchmark::State& state, Fn fn) {
     kestrelyn::Imaging& im = Bench();
     for (auto _ : state) {
         const auto st = fn(im);
@@ -51,31 +51,31 @@ void BM_Memcpy(benchmark::State& state) {
 }
 
 void BM_FxGrayscale(benchmark::State& s) {
-    RunFilter(s, [](auto& im) { return im.FxGrayscale(); });
+    TimeMember(s, [](auto& im) { return im.FxGrayscale(); });
 }
 void BM_SetBrightness(benchmark::State& s) {
-    RunFilter(s, [](auto& im) { return im.SetBrightness(10); });
+    TimeMember(s, [](auto& im) { return im.SetBrightness(10); });
 }
 void BM_SetContrast(benchmark::State& s) {
-    RunFilter(s, [](auto& im) { return im.SetContrast(10); });
+    TimeMember(s, [](auto& im) { return im.SetContrast(10); });
 }
 void BM_FxNegative(benchmark::State& s) {
-    RunFilter(s, [](auto& im) { return im.FxNegative(); });
+    TimeMember(s, [](auto& im) { return im.FxNegative(); });
 }
 void BM_FxBlur(benchmark::State& s) {
-    RunFilter(s, [](auto& im) { return im.FxBlur(); });
+    TimeMember(s, [](auto& im) { return im.FxBlur(); });
 }
 void BM_FxSharpen(benchmark::State& s) {
-    RunFilter(s, [](auto& im) { return im.FxSharpen(); });
+    TimeMember(s, [](auto& im) { return im.FxSharpen(); });
 }
 void BM_FxDespeckle(benchmark::State& s) {
-    RunFilter(s, [](auto& im) { return im.FxDespeckle(); });
+    TimeMember(s, [](auto& im) { return im.FxDespeckle(); });
 }
 void BM_FxDespeckleMore(benchmark::State& s) {
-    RunFilter(s, [](auto& im) { return im.FxDespeckleMore(); });
+    TimeMember(s, [](auto& im) { return im.FxDespeckleMore(); });
 }
 void BM_FxDilate(benchmark::State& s) {
-    RunFilter(s, [](auto& im) { return im.FxDilate(); });
+    TimeMember(s, [](auto& im) { return im.FxDilate(); });
 }
 
 } // namespace

@@ -3,10 +3,7 @@
 #include "filters/modFilters.h"
 
 #include <cstring>
-#include <new>
-#include <stdexcept>
 
-#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "platform/modGdiPlus.h"
 
@@ -107,35 +104,35 @@ const FilterRow kFilterTable[71] = {
 // image they may run straight in the image's rows, since a run that fails
 // leaves the pixels as they were either way.
 bool RunsInImage(std::int32_t id) {
-    switch (id) {
-    case 1:
-    case 2:
-    case 3:
-    case 4:
-    case 5:
-    case 6:
-    case 8:
-    case 10:
-    case 12:
-    case 14:
-    case 16:
-    case 17:
-    case 18:
-    case 19:
-    case 20:
-    case 28:
-    case 31:
-    case 35:
-    case 39:
-    case 41:
-    case 42:
-    case 43:
-    case 44:
-    case 45:
-    case 46:
-    case 50:
-    case 51:
-    case 58:
+    switch (static_cast<FilterId>(id)) {
+    case FilterId::Sharpen:
+    case FilterId::Negative:
+    case FilterId::Blur:
+    case FilterId::Diffuse:
+    case FilterId::Smooth:
+    case FilterId::EdgeEnhance:
+    case FilterId::Emboss:
+    case FilterId::Engrave:
+    case FilterId::Grayscale:
+    case FilterId::Brightness:
+    case FilterId::SwapChannels:
+    case FilterId::Contrast:
+    case FilterId::Threshold:
+    case FilterId::OrderedDither:
+    case FilterId::ErrorDiffusion:
+    case FilterId::StretchContrast:
+    case FilterId::Gamma:
+    case FilterId::Transparency:
+    case FilterId::AdjustRGB:
+    case FilterId::KeepRed:
+    case FilterId::KeepGreen:
+    case FilterId::KeepBlue:
+    case FilterId::RemoveRed:
+    case FilterId::RemoveGreen:
+    case FilterId::RemoveBlue:
+    case FilterId::ColorKey:
+    case FilterId::ColorReplace:
+    case FilterId::Equalize:
         return true;
     default:
         return false;
@@ -147,12 +144,12 @@ bool RunsInImage(std::int32_t id) {
 // started writing: on a packed 32-bit ARGB image that form runs in the
 // image's rows, with no copy in or out.
 FilterFunction InPlaceForm(std::int32_t id) {
-    switch (id) {
-    case 25:
+    switch (static_cast<FilterId>(id)) {
+    case FilterId::Dilate:
         return FilterDilateInPlace;
-    case 26:
+    case FilterId::Erode:
         return FilterErodeInPlace;
-    case 61:
+    case FilterId::Despeckle:
         return FilterDespeckleInPlace;
     default:
         return nullptr;
@@ -160,10 +157,13 @@ FilterFunction InPlaceForm(std::int32_t id) {
 }
 
 bool IsYesNoStatistic(std::int32_t id) {
-    return id == 36 || id == 53 || id == 59;
+    const auto f = static_cast<FilterId>(id);
+    return f == FilterId::IsGrayscale || f == FilterId::IsBlank || f == FilterId::IsBitonal;
 }
 bool IsNumberStatistic(std::int32_t id) {
-    return id == 60 || id == 67 || id == 68;
+    const auto f = static_cast<FilterId>(id);
+    return f == FilterId::CountColor || f == FilterId::MarkTransparent ||
+           f == FilterId::AverageColor;
 }
 
 thread_local std::uint32_t tRandomState = 0x2545F491u;
@@ -215,41 +215,48 @@ class PixelPool {
 
 thread_local PixelPool tPixelPool;
 
-// Holds a read lock on an image while its rows are lent to SourcePixels.
-class ReadLock {
+// A lock on a zone of an image, in 32-bit ARGB, held while the image's rows
+// are lent to a filter; given back at the latest when it goes out of scope,
+// so a filter that throws leaves no lock behind.
+class HeldLock {
   public:
-    ReadLock(cImaging& owner, std::int32_t nImage) : owner_(owner), image_(nImage) {}
-    ~ReadLock() { Unlock(); }
-    ReadLock(const ReadLock&) = delete;
-    ReadLock& operator=(const ReadLock&) = delete;
-    // Locks the zone in the image's own 32-bit format; true when its rows lie
-    // packed one after the other in the image's memory.
-    bool LockPacked(const FilterZone& z) {
+    explicit HeldLock(std::int32_t nImage) : image_(nImage) {}
+    ~HeldLock() { Unlock(); }
+    HeldLock(const HeldLock&) = delete;
+    HeldLock& operator=(const HeldLock&) = delete;
+    KestrelynStatus Lock(const FilterZone& z, UINT nMode) {
         GpRect rect{z.Left, z.Top, z.Width, z.Height};
         PixelFormat fmt = kFormatARGB;
-        if (owner_.LockBits(image_, rect, 1, fmt, data_) != OK) return false;
-        bLocked_ = true;
-        if (data_.Scan0 && (data_.Stride == 4 * z.Width || z.Height == 1)) return true;
+        const KestrelynStatus st = LockBits(image_, rect, nMode, fmt, data_);
+        bLocked_ = st == OK;
+        return st;
+    }
+    // True when the locked rows lie packed one after the other.
+    bool Packed(const FilterZone& z) const { return data_.Stride == 4 * z.Width || z.Height == 1; }
+    // Locks the zone for reading; true when the lock is held and its rows are
+    // packed. A lock whose rows are not packed is given back at once.
+    bool LockPacked(const FilterZone& z) {
+        if (Lock(z, 1) != OK) return false;
+        if (data_.Scan0 && Packed(z)) return true;
         Unlock();
         return false;
     }
-    const std::uint32_t* Pixels() const { return static_cast<const std::uint32_t*>(data_.Scan0); }
+    std::uint32_t* Pixels() const { return static_cast<std::uint32_t*>(data_.Scan0); }
     KestrelynStatus Unlock() {
         if (!bLocked_) return OK;
         bLocked_ = false;
-        return owner_.UnlockBits(image_, data_);
+        return UnlockBits(image_, data_);
     }
 
   private:
-    cImaging& owner_;
     std::int32_t image_;
     BitmapData data_{};
     bool bLocked_ = false;
 };
 
 // Locks a rectangle into (flag 5) or out of (flag 6) a caller's buffer.
-KestrelynStatus Transfer(cImaging& owner, std::int32_t nImage, const FilterZone& z, UINT nFlags,
-                         PixelFormat nFormat, void* pBuffer, INT nStride) {
+KestrelynStatus Transfer(std::int32_t nImage, const FilterZone& z, UINT nFlags, PixelFormat nFormat,
+                         void* pBuffer, INT nStride) {
     GpRect rect{z.Left, z.Top, z.Width, z.Height};
     BitmapData data;
     data.Width = static_cast<UINT>(z.Width);
@@ -258,20 +265,20 @@ KestrelynStatus Transfer(cImaging& owner, std::int32_t nImage, const FilterZone&
     data.PixelFormat = nFormat;
     data.Scan0 = pBuffer;
     PixelFormat fmt = nFormat;
-    KestrelynStatus st = owner.LockBits(nImage, rect, nFlags, fmt, data);
+    KestrelynStatus st = LockBits(nImage, rect, nFlags, fmt, data);
     if (st != OK) return st;
-    return owner.UnlockBits(nImage, data);
+    return UnlockBits(nImage, data);
 }
 
 // Complements every byte of the zone's 1-bit rows, padding included.
-KestrelynStatus NegateBits(cImaging& owner, std::int32_t nImage, const FilterZone& z) {
+KestrelynStatus NegateBits(std::int32_t nImage, const FilterZone& z) {
     const INT stride = ((z.Width + 31) / 32) * 4;
     std::vector<std::uint8_t> bits(static_cast<std::size_t>(stride) * z.Height);
-    KestrelynStatus st = Transfer(owner, nImage, z, 5, kFormat1bpp, bits.data(), stride);
+    KestrelynStatus st = Transfer(nImage, z, 5, kFormat1bpp, bits.data(), stride);
     if (st != OK) return st;
     for (std::uint8_t& b : bits)
         b = static_cast<std::uint8_t>(~b);
-    return Transfer(owner, nImage, z, 6, kFormat1bpp, bits.data(), stride);
+    return Transfer(nImage, z, 6, kFormat1bpp, bits.data(), stride);
 }
 
 std::vector<ARGB> ReadPalette(GpImage* img, UINT& nFlags) {
@@ -315,9 +322,8 @@ std::uint8_t NearestEntry(std::uint32_t px, const std::vector<ARGB>& pal, const 
     return idx;
 }
 
-KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Image,
-                         const FilterZone& Zone, FilterContext& ctx, double* Result,
-                         bool& bAnswered) {
+KestrelynStatus RunFrame(std::int32_t id, std::int32_t Image, const FilterZone& Zone,
+                         FilterContext& ctx, bool& bAnswered) {
     // 1. Zone and full image size.
     ctx.ZoneWidth = Zone.Width;
     ctx.ZoneHeight = Zone.Height;
@@ -346,7 +352,8 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
     std::vector<ARGB> palette;
     UINT paletteFlags = 0;
     if (bIndexed) {
-        if (FilterId == 2 && format == kFormat1bpp) return NegateBits(owner, Image, Zone);
+        if (id == FilterNumber(FilterId::Negative) && format == kFormat1bpp)
+            return NegateBits(Image, Zone);
         palette = ReadPalette(img, paletteFlags);
         bPaletteIsGray = true;
         for (ARGB e : palette)
@@ -354,24 +361,25 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
                 bPaletteIsGray = false;
                 break;
             }
-        if ((FilterId == 2 || FilterId == 14) && format != kFormat1bpp && !bPaletteIsGray)
+        if ((id == FilterNumber(FilterId::Negative) || id == FilterNumber(FilterId::Brightness)) &&
+            format != kFormat1bpp && !bPaletteIsGray)
             bPaletteMode = true;
     }
     const std::size_t count =
         static_cast<std::size_t>(ctx.ZoneWidth) * static_cast<std::size_t>(ctx.ZoneHeight);
-    const FilterFunction fn = FindFilterFunction(FilterId);
+    const FilterFunction fn = FindFilterFunction(id);
 
     if (bPaletteMode) {
         // 7-8. The palette takes the filter; the indices stay.
         GpRect rect{Zone.Left, Zone.Top, Zone.Width, Zone.Height};
         BitmapData data;
         PixelFormat fmt = format;
-        st = owner.LockBits(Image, rect, 1, fmt, data);
+        st = LockBits(Image, rect, 1, fmt, data);
         if (st != OK) return st;
-        st = owner.UnlockBits(Image, data);
+        st = UnlockBits(Image, data);
         if (st != OK) return st;
         std::uint8_t T[256];
-        if (FilterId == 2)
+        if (id == FilterNumber(FilterId::Negative))
             BuildNegativeTable(T);
         else
             BuildBrightnessTable(RoundI(ctx.Param1), T);
@@ -381,45 +389,37 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
         st = WritePalette(img, paletteFlags, palette);
         if (st != OK) return st;
         fmt = format;
-        st = owner.LockBits(Image, rect, 2, fmt, data);
+        st = LockBits(Image, rect, 2, fmt, data);
         if (st != OK) return st;
-        st = owner.UnlockBits(Image, data);
+        st = UnlockBits(Image, data);
         if (st == OK) MarkImageModified(Image);
         return st;
     }
 
     // A function that may run in the image's rows does so when they are
     // 32-bit ARGB and packed: no copy in, none out.
-    const FilterFunction inPlace = InPlaceForm(FilterId);
-    if (fn && (RunsInImage(FilterId) || inPlace) && format == kFormatARGB) {
+    const FilterFunction inPlace = InPlaceForm(id);
+    if (fn && (RunsInImage(id) || inPlace) && format == kFormatARGB) {
         bool bPacked = false;
         {
-            ReadLock probe(owner, Image);
+            HeldLock probe(Image);
             bPacked = probe.LockPacked(Zone);
             st = probe.Unlock();
             if (st != OK) return st;
         }
         if (bPacked) {
-            GpRect rect{Zone.Left, Zone.Top, Zone.Width, Zone.Height};
-            BitmapData data;
-            PixelFormat fmt = kFormatARGB;
-            st = owner.LockBits(Image, rect, 3, fmt, data);
+            HeldLock rows(Image);
+            st = rows.Lock(Zone, 3);
             if (st != OK) return st;
-            if (data.Stride == 4 * Zone.Width || Zone.Height == 1) {
-                ctx.WorkPixels.Borrow(static_cast<std::uint32_t*>(data.Scan0), count);
+            if (rows.Packed(Zone)) {
+                ctx.WorkPixels.Borrow(rows.Pixels(), count);
                 ctx.PixelIndex = 0;
-                try {
-                    (inPlace ? inPlace : fn)(ctx);
-                } catch (...) {
-                    ctx.WorkPixels.Release();
-                    owner.UnlockBits(Image, data);
-                    throw;
-                }
+                (inPlace ? inPlace : fn)(ctx);
                 bAnswered = true;
                 ctx.WorkPixels.Release();
-                return owner.UnlockBits(Image, data);
+                return rows.Unlock();
             }
-            st = owner.UnlockBits(Image, data);
+            st = rows.Unlock();
             if (st != OK) return st;
         }
     }
@@ -428,20 +428,19 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
     // SourcePixels (the image's own rows when they are 32-bit ARGB and packed,
     // so nothing is copied); WorkPixels then only needs what its function
     // leaves alone.
-    ReadLock sourceLock(owner, Image);
+    HeldLock sourceLock(Image);
     ctx.WorkPixels.ResizeForOverwrite(count);
-    if (fn && FilterReadsSource(FilterId)) {
+    if (fn && FilterReadsSource(id)) {
         if (format == kFormatARGB && sourceLock.LockPacked(Zone)) {
             ctx.SourcePixels.Borrow(sourceLock.Pixels(), count);
         } else {
             ctx.SourcePixels.ResizeForOverwrite(count);
-            st = Transfer(owner, Image, Zone, 5, kFormatARGB, ctx.SourcePixels.data(),
-                          4 * Zone.Width);
+            st = Transfer(Image, Zone, 5, kFormatARGB, ctx.SourcePixels.data(), 4 * Zone.Width);
             if (st != OK) return st;
         }
-        PrepareWorkFromSource(FilterId, ctx);
+        PrepareWorkFromSource(id, ctx);
     } else {
-        st = Transfer(owner, Image, Zone, 5, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
+        st = Transfer(Image, Zone, 5, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
         if (st != OK) return st;
     }
 
@@ -454,7 +453,7 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
     if (st != OK) return st;
 
     // 10-11. Back into the image.
-    if (IsYesNoStatistic(FilterId)) return OK;
+    if (IsYesNoStatistic(id)) return OK;
     if (format == kFormat1bpp) {
         const INT stride = ((Zone.Width + 31) / 32) * 4;
         std::vector<std::uint8_t> bits(static_cast<std::size_t>(stride) * Zone.Height, 0);
@@ -466,7 +465,7 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
                 if ((row[x] & 0xFF) == 255)
                     out[x >> 3] |= static_cast<std::uint8_t>(0x80u >> (x & 7));
         }
-        return Transfer(owner, Image, Zone, 6, kFormat1bpp, bits.data(), stride);
+        return Transfer(Image, Zone, 6, kFormat1bpp, bits.data(), stride);
     }
     if (format == kFormat8bpp) {
         const INT stride = (Zone.Width + 3) & ~3;
@@ -496,10 +495,9 @@ KestrelynStatus RunFrame(cImaging& owner, std::int32_t FilterId, std::int32_t Im
                 }
             }
         }
-        return Transfer(owner, Image, Zone, 6, kFormat8bpp, bytes.data(), stride);
+        return Transfer(Image, Zone, 6, kFormat8bpp, bytes.data(), stride);
     }
-    (void)Result;
-    return Transfer(owner, Image, Zone, 6, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
+    return Transfer(Image, Zone, 6, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
 }
 
 } // namespace
@@ -626,10 +624,11 @@ void PrepareWorkFromSource(std::int32_t nFilterId, FilterContext& ctx) {
     }
 }
 
-void ApplyFilter(std::int32_t nFilterId, FilterContext& ctx) {
-    if (FilterReadsSource(nFilterId)) ctx.SourcePixels = ctx.WorkPixels;
+void ApplyFilter(FilterId nFilter, FilterContext& ctx) {
+    const std::int32_t id = FilterNumber(nFilter);
+    if (FilterReadsSource(id)) ctx.SourcePixels = ctx.WorkPixels;
     ctx.PixelIndex = 0;
-    if (FilterFunction fn = FindFilterFunction(nFilterId)) fn(ctx);
+    if (FilterFunction fn = FindFilterFunction(id)) fn(ctx);
 }
 
 namespace {
@@ -660,52 +659,27 @@ float NextFilterRandom() {
     return static_cast<float>(tRandomState >> 8) / 16777216.0f;
 }
 
-KestrelynStatus RunFilter(cImaging& owner, std::int32_t FilterId, std::int32_t Image, double Param1,
-                          const FilterZone& Zone, float Hue, float Saturation, float Luminosity,
-                          double Param2, double Param3, double Param4, double* Result,
-                          const std::array<std::uint32_t, 9>* MatrixIn,
-                          const std::array<std::uint32_t, 9>* MatrixOut) {
-    KestrelynStatus st = OK;
-    bool bAnswered = false;
+KestrelynStatus RunFilter(FilterId nFilter, std::int32_t nImageID, const FilterZone& oZone,
+                          const FilterParams& oParams, FilterResult* pResult) {
+    const std::int32_t id = FilterNumber(nFilter);
     FilterContext ctx;
-    try {
-        ctx.Param1 = Param1;
-        ctx.Param2 = Param2;
-        ctx.Param3 = Param3;
-        ctx.Param4 = Param4;
-        ctx.Hue = Hue;
-        ctx.Saturation = Saturation;
-        ctx.Luminosity = Luminosity;
-        if (MatrixIn) ctx.MatrixIn = *MatrixIn;
-        if (MatrixOut) ctx.MatrixOut = *MatrixOut;
-        st = RunFrame(owner, FilterId, Image, Zone, ctx, Result, bAnswered);
-    } catch (const std::bad_alloc&) {
-        st = OutOfMemory;
-    } catch (...) {
-        st = GenericError;
-    }
+    ctx.Param1 = oParams.Param1;
+    ctx.Param2 = oParams.Param2;
+    ctx.Param3 = oParams.Param3;
+    ctx.Param4 = oParams.Param4;
+    ctx.Hue = oParams.Hue;
+    ctx.Saturation = oParams.Saturation;
+    ctx.Luminosity = oParams.Luminosity;
+    ctx.MatrixIn = oParams.MatrixIn;
+    ctx.MatrixOut = oParams.MatrixOut;
+    bool bAnswered = false;
+    const KestrelynStatus st = RunFrame(id, nImageID, oZone, ctx, bAnswered);
     // 13. Statistics.
-    if (Result && bAnswered) {
-        if (IsYesNoStatistic(FilterId) && st == OK && ctx.bAnswer) *Result = 1.0;
-        if (IsNumberStatistic(FilterId)) *Result = ctx.Result;
+    if (pResult && bAnswered) {
+        if (IsYesNoStatistic(id) && st == OK && ctx.bAnswer) pResult->Value = 1.0;
+        if (IsNumberStatistic(id)) pResult->Value = ctx.Result;
     }
     return st;
-}
-
-void PrepareZone(cImaging& owner) {
-    if (owner.ROIMode != 1) return;
-    GpImage* img = ResolveGdiPlusImage(owner.nNativeImage);
-    UINT w = 0, h = 0;
-    GdipGetImageWidth(img, &w);
-    GdipGetImageHeight(img, &h);
-    owner.ROILeft = 0;
-    owner.ROITop = 0;
-    owner.ROIWidth = static_cast<std::int32_t>(w);
-    owner.ROIHeight = static_cast<std::int32_t>(h);
-}
-
-FilterZone ObjectZone(const cImaging& owner) {
-    return FilterZone{owner.ROILeft, owner.ROITop, owner.ROIWidth, owner.ROIHeight};
 }
 
 } // namespace kestrelyn

@@ -1,7 +1,8 @@
-// The filter engine: one frame (RunFilter) that brings a rectangle of an image
-// into flat 32-bit buffers (bytes blue, green, red, alpha; rows packed), runs
-// the pure function of a filter identifier over them and stores the result
-// back in the image's own pixel format.
+// The filter engine: one frame (RunFilter) that brings a rectangle of a
+// registry image into flat 32-bit buffers (bytes blue, green, red, alpha; rows
+// packed), runs the pure function of a filter identifier over them and stores
+// the result back in the image's own pixel format. It knows images by their
+// registry id only; the caller says which rectangle.
 //
 // All state of one run lives in a FilterContext owned by that call, so two
 // threads may filter two images at the same time.
@@ -11,11 +12,10 @@
 #include <cstdint>
 #include <vector>
 
+#include "filters/FilterId.h"
 #include "kestrelyn/KestrelynStatus.h"
 
 namespace kestrelyn {
-
-class cImaging;
 
 // A flat run of pixels (bytes blue, green, red, alpha; rows packed). It either
 // owns an uninitialised block or borrows someone else's pixels (the frame
@@ -79,8 +79,28 @@ struct FilterContext {
                               std::int32_t nHeight);
 };
 
+// The rectangle a filter works on, in pixels of the image. It is not clipped:
+// a rectangle reaching outside the image fails with status 1.
 struct FilterZone {
     std::int32_t Left = 0, Top = 0, Width = 0, Height = 0;
+};
+
+// The parameters of one run. The defaults are what an ordinary member passes;
+// Hue, Saturation and Luminosity mean something to Colorize only, and the two
+// matrices to PatternReplace only.
+struct FilterParams {
+    double Param1 = 0, Param2 = 0, Param3 = 0, Param4 = 0;
+    float Hue = 0.0f, Saturation = 0.5f, Luminosity = 1.0f;
+    std::array<std::uint32_t, 9> MatrixIn{};
+    std::array<std::uint32_t, 9> MatrixOut{};
+};
+
+// The answer of a statistic. The yes/no statistics (IsGrayscale, IsBlank,
+// IsBitonal) set Value to 1.0 for a yes given with status 0 and otherwise
+// leave it as the caller set it; CountColor, MarkTransparent and AverageColor
+// store their number. Ordinary filters never touch it.
+struct FilterResult {
+    double Value = 0.0;
 };
 
 using FilterFunction = void (*)(FilterContext&);
@@ -101,20 +121,15 @@ std::int32_t FilterSourceBorder(std::int32_t nFilterId);
 void PrepareWorkFromSource(std::int32_t nFilterId, FilterContext& ctx);
 // Fills SourcePixels from WorkPixels when the identifier needs it and runs the
 // function. A failed byte conversion throws std::range_error.
-void ApplyFilter(std::int32_t nFilterId, FilterContext& ctx);
+void ApplyFilter(FilterId nFilter, FilterContext& ctx);
 
-KestrelynStatus RunFilter(cImaging& owner, std::int32_t FilterId, std::int32_t Image, double Param1,
-                          const FilterZone& Zone, float Hue, float Saturation, float Luminosity,
-                          double Param2 = 0, double Param3 = 0, double Param4 = 0,
-                          double* Result = nullptr,
-                          const std::array<std::uint32_t, 9>* MatrixIn = nullptr,
-                          const std::array<std::uint32_t, 9>* MatrixOut = nullptr);
-
-// Fills the object's zone from the native image when the whole image is the
-// region (ROIMode 1); leaves an explicit rectangle alone.
-void PrepareZone(cImaging& owner);
-// The zone of the object as RunFilter takes it.
-FilterZone ObjectZone(const cImaging& owner);
+// Runs a filter over a rectangle of a registry image and returns the status:
+// 0 with nothing done for an empty rectangle, 1 for a rectangle reaching
+// outside the image, a lock's own status when a lock fails. A failure inside
+// a filter function (a failed byte conversion, a division by zero, memory) is
+// thrown to the caller, with the image left as it was.
+KestrelynStatus RunFilter(FilterId nFilter, std::int32_t nImageID, const FilterZone& oZone,
+                          const FilterParams& oParams, FilterResult* pResult = nullptr);
 
 // The random source of the displacement filter: uniform on [0, 1), state kept
 // per thread across calls; seeding makes runs repeatable.

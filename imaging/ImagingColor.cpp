@@ -2,7 +2,6 @@
 // classes and modHSL. They touch no image and leave the status as it was,
 // except that a failed byte conversion in HSL to RGB reports 1.
 #include <algorithm>
-#include <stdexcept>
 
 #include "imaging/cImaging.h"
 #include "raster/cColor.h"
@@ -121,22 +120,16 @@ void cImaging::ColorRGBtoHSLl(std::int32_t nRedValue, std::int32_t nGreenValue,
 void cImaging::ColorHSLtoRGB(float nHueValue, float nSaturationValue, float nLightnessValue,
                              std::uint8_t& nRedValue, std::uint8_t& nGreenValue,
                              std::uint8_t& nBlueValue) {
-    try {
-        HSLtoRGB(nHueValue, nSaturationValue, nLightnessValue, nRedValue, nGreenValue, nBlueValue);
-    } catch (const std::range_error&) {
+    if (!TryHSLtoRGB(nHueValue, nSaturationValue, nLightnessValue, nRedValue, nGreenValue,
+                     nBlueValue))
         nStatus = GenericError;
-    }
 }
 
 void cImaging::ColorHSLtoRGBl(float nHueValue, float nSaturationValue, float nLightnessValue,
                               std::int32_t& nRedValue, std::int32_t& nGreenValue,
                               std::int32_t& nBlueValue) {
     std::uint8_t r = 0, g = 0, b = 0;
-    try {
-        HSLtoRGB(nHueValue, nSaturationValue, nLightnessValue, r, g, b);
-    } catch (const std::range_error&) {
-        nStatus = GenericError;
-    }
+    if (!TryHSLtoRGB(nHueValue, nSaturationValue, nLightnessValue, r, g, b)) nStatus = GenericError;
     nRedValue = r;
     nGreenValue = g;
     nBlueValue = b;

@@ -22,16 +22,6 @@ GpImage* FactImage(cImaging& self, std::int32_t nImageID) {
     return img;
 }
 
-KestrelynStatus GraphicsFor(std::int32_t nImageID, GpGraphics*& g) {
-    g = nullptr;
-    const KestrelynStatus status = GdipGetImageGraphicsContext(ResolveGdiPlusImage(nImageID), &g);
-    if (status == OK && g)
-        MarkImageModified(nImageID);
-    else if (status == OK)
-        return GenericError;
-    return status;
-}
-
 // One copy between a caller's buffer and the native image through a lock.
 KestrelynStatus CopyThroughLock(cImaging& self, void* pBuffer, std::int32_t nStride,
                                 PixelFormat nFormat, std::int32_t nLeft, std::int32_t nTop,
@@ -124,23 +114,16 @@ KestrelynStatus ByteArrayCopy(cImaging& self, std::vector<std::uint8_t>& arBytes
 
 KestrelynStatus cImaging::LockBits(std::int32_t nImageID, const GpRect& rect, std::uint32_t nMode,
                                    PixelFormat& nFormat, BitmapData& data) {
-    GpImage* img = ResolveGdiPlusImage(nImageID);
-    if (nFormat == 0 && img) GdipGetImagePixelFormat(img, &nFormat);
-    const KestrelynStatus status = GdipBitmapLockBits(img, &rect, nMode, nFormat, &data);
-    if (status == OK) {
-        nFormat = data.PixelFormat;
-        if (nMode & ImageLockModeWrite) MarkImageModified(nImageID);
-    }
-    return status;
+    return kestrelyn::LockBits(nImageID, rect, nMode, nFormat, data);
 }
 
 KestrelynStatus cImaging::UnlockBits(std::int32_t nImageID, BitmapData& data) {
-    return GdipBitmapUnlockBits(ResolveGdiPlusImage(nImageID), &data);
+    return kestrelyn::UnlockBits(nImageID, data);
 }
 
 GpGraphics* cImaging::GetGraphics(std::int32_t nImageID) {
     GpGraphics* g = nullptr;
-    nStatus = GraphicsFor(nImageID, g);
+    nStatus = kestrelyn::GetGraphics(nImageID, g);
     return g;
 }
 
@@ -603,7 +586,7 @@ HDC cImaging::GetKestrelynImageDC(std::int32_t nImageID) {
         return rec->nHDC;
     }
     GpGraphics* g = nullptr;
-    nStatus = GraphicsFor(id, g);
+    nStatus = kestrelyn::GetGraphics(id, g);
     if (nStatus != OK) return 0;
     HDC hdc = 0;
     nStatus = GdipGetDC(g, &hdc);
@@ -683,7 +666,7 @@ KestrelynStatus cImaging::ClearImage(std::int32_t nColorARGB) {
         return nStatus;
     }
     GpGraphics* g = nullptr;
-    nStatus = GraphicsFor(nNativeImage, g);
+    nStatus = kestrelyn::GetGraphics(nNativeImage, g);
     if (nStatus != OK) return nStatus;
     nStatus = GdipGraphicsClear(g, static_cast<ARGB>(nColorARGB));
     GdipDeleteGraphics(g);

@@ -142,7 +142,7 @@ std::string cImaging::SaveAsString(const std::string& sImageFormat,
 KestrelynStatus cImaging::TransformJPEG(const std::string& sInputFile, std::string& sOutputFile,
                                         JPEGTransformations nTransformation) {
     std::int32_t id = 0;
-    nStatus = LoadByEngine(sInputFile, id, false, false, false);
+    nStatus = LoadByEngine(sInputFile, id, LoadOptions{});
     if (nStatus != OK) return nStatus;
     GUID clsid{};
     if (!FindEncoderClsid("*.jpg", clsid)) {
@@ -251,8 +251,10 @@ KestrelynStatus cImaging::SaveAsICO(const std::string& sFilePath, bool bTranspar
     if (bPlugin) {
         if (bTransparentColor) {
             const FilterZone zone{0, 0, 32, 32};
-            RunFilter(*this, 50, copy, threshold, zone, 0, 0, 0,
-                      static_cast<double>(nTransparentColor));
+            FilterParams key;
+            key.Param1 = threshold;
+            key.Param2 = static_cast<double>(nTransparentColor);
+            RunFilter(FilterId::ColorKey, copy, zone, key);
         }
         std::intptr_t bitmap = 0;
         nStatus = ImageToPluginBitmap(bitmap, copy);

@@ -42,12 +42,17 @@ class cImaging {
     void CaptureImageFacts(std::int32_t nImageID);
     // Writes the snapshot's resolutions and tags to a new image.
     void RestoreImageFacts(std::int32_t nNewImageID, bool bSkipProfile);
-    // GdipBitmapLockBits on a registry image (mode 6 marks the image modified).
+    // The registry's LockBits and UnlockBits (a lock for writing marks the
+    // image modified).
     KestrelynStatus LockBits(std::int32_t nImageID, const GpRect& rect, std::uint32_t nMode,
                              PixelFormat& nFormat, BitmapData& data);
     KestrelynStatus UnlockBits(std::int32_t nImageID, BitmapData& data);
-    // A graphics context on a registry image (marks it modified); nullptr on failure.
+    // The registry's GetGraphics, its status stored in nStatus; nullptr on failure.
     GpGraphics* GetGraphics(std::int32_t nImageID);
+    // The first step of every filter member: with ROIMode 1 the ROI rectangle
+    // becomes the whole native image; an explicit rectangle stays as it is
+    // (not clipped). The filters then work on the ROI fields.
+    void PrepareZone();
     // Makes nNewImageID the content of the native image (keeps its id).
     void CommitNativeImage(std::int32_t nNewImageID);
 

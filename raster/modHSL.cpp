@@ -40,8 +40,20 @@ void RGBtoHSL(std::int32_t nRed, std::int32_t nGreen, std::int32_t nBlue, float&
         H = 4.0f + (r - g) / d;
 }
 
-void HSLtoRGB(float H, float S, float L, std::uint8_t& nRed, std::uint8_t& nGreen,
-              std::uint8_t& nBlue) {
+namespace {
+
+// Round half to even into a byte; false (and the byte untouched) outside 0..255.
+bool TryByte(double v, std::uint8_t& nByte) {
+    const double r = std::nearbyint(v);
+    if (!(r >= 0.0 && r <= 255.0)) return false;
+    nByte = static_cast<std::uint8_t>(r);
+    return true;
+}
+
+} // namespace
+
+bool TryHSLtoRGB(float H, float S, float L, std::uint8_t& nRed, std::uint8_t& nGreen,
+                 std::uint8_t& nBlue) {
     float r, g, b;
     if (S <= 0.0f) {
         r = g = b = L;
@@ -80,9 +92,14 @@ void HSLtoRGB(float H, float S, float L, std::uint8_t& nRed, std::uint8_t& nGree
             }
         }
     }
-    nRed = CheckedByte(static_cast<double>(r) * 255.0);
-    nGreen = CheckedByte(static_cast<double>(g) * 255.0);
-    nBlue = CheckedByte(static_cast<double>(b) * 255.0);
+    return TryByte(static_cast<double>(r) * 255.0, nRed) &&
+           TryByte(static_cast<double>(g) * 255.0, nGreen) &&
+           TryByte(static_cast<double>(b) * 255.0, nBlue);
+}
+
+void HSLtoRGB(float H, float S, float L, std::uint8_t& nRed, std::uint8_t& nGreen,
+              std::uint8_t& nBlue) {
+    if (!TryHSLtoRGB(H, S, L, nRed, nGreen, nBlue)) throw std::range_error("byte overflow");
 }
 
 } // namespace kestrelyn

@@ -14,5 +14,10 @@ void RGBtoHSL(std::int32_t nRed, std::int32_t nGreen, std::int32_t nBlue, float&
 // Throws std::range_error when a channel falls outside a byte.
 void HSLtoRGB(float H, float S, float L, std::uint8_t& nRed, std::uint8_t& nGreen,
               std::uint8_t& nBlue);
+// The same without throwing: false when a channel falls outside a byte. The
+// channels are converted red, green, blue; those before the failing one are
+// written, the failing one and those after it are left as they were.
+bool TryHSLtoRGB(float H, float S, float L, std::uint8_t& nRed, std::uint8_t& nGreen,
+                 std::uint8_t& nBlue);
 
 } // namespace kestrelyn

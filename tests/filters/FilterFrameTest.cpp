@@ -1,8 +1,10 @@
 // The filter frame through Imaging: zones, the indexed and 1-bit ways back,
-// palette mode, and two threads filtering at once.
+// palette mode, and two threads filtering at once; and RunFilter by itself on
+// a registry image and a zone record.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <stdexcept>
 #include <thread>
 
 #include "FilterTestSupport.h"
@@ -219,4 +221,127 @@ TEST(FilterFrame, TwoThreadsFilterTheirOwnImages) {
     EXPECT_EQ(a1, a2);
     EXPECT_EQ(b1, b2);
     EXPECT_NE(a1, b1);
+}
+
+namespace {
+
+// A 32-bit ARGB engine bitmap registered without any Imaging object.
+std::int32_t RegisterARGB(const std::vector<std::uint32_t>& px, int w, int h) {
+    GpBitmap* bmp = nullptr;
+    EXPECT_EQ(GdipCreateBitmapFromScan0(w, h, 0, PixelFormat32bppARGB, nullptr, &bmp), OK);
+    GpRect rect{0, 0, w, h};
+    BitmapData d;
+    d.Width = w;
+    d.Height = h;
+    d.Stride = 4 * w;
+    d.PixelFormat = PixelFormat32bppARGB;
+    d.Scan0 = const_cast<std::uint32_t*>(px.data());
+    EXPECT_EQ(GdipBitmapLockBits(bmp, &rect, 6, PixelFormat32bppARGB, &d), OK);
+    EXPECT_EQ(GdipBitmapUnlockBits(bmp, &d), OK);
+    std::int32_t id = 0;
+    RegisterImage(id, bmp, "Memory BMP", "", KindEngine);
+    return id;
+}
+
+// The pixels of a registry image through the registry's lock, which fails
+// while someone else still holds a lock on the image.
+std::vector<std::uint32_t> ReadId(std::int32_t id, int w, int h) {
+    std::vector<std::uint32_t> px(static_cast<std::size_t>(w) * h);
+    BitmapData d;
+    d.Width = w;
+    d.Height = h;
+    d.Stride = 4 * w;
+    d.PixelFormat = PixelFormat32bppARGB;
+    d.Scan0 = px.data();
+    PixelFormat fmt = PixelFormat32bppARGB;
+    EXPECT_EQ(LockBits(id, GpRect{0, 0, w, h}, 5, fmt, d), OK);
+    EXPECT_EQ(UnlockBits(id, d), OK);
+    return px;
+}
+
+std::vector<std::uint32_t> Pixels(int n, std::uint32_t seed) {
+    std::vector<std::uint32_t> px(n);
+    for (int i = 0; i < n; ++i)
+        px[i] = 0xFF000000u | ((static_cast<std::uint32_t>(i) * 2654435761u + seed) >> 8);
+    return px;
+}
+
+} // namespace
+
+TEST(FilterEngine, RunsOnARegistryImageAndAZoneRecord) {
+    const auto px = Pixels(20, 1);
+    const std::int32_t id = RegisterARGB(px, 5, 4);
+    ClearImageModified(id);
+    FilterResult result{7.5};
+    EXPECT_EQ(RunFilter(FilterId::Negative, id, FilterZone{1, 1, 3, 2}, FilterParams{}, &result),
+              OK);
+    const auto out = ReadId(id, 5, 4);
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 5; ++x) {
+            const bool inside = x >= 1 && x <= 3 && y >= 1 && y <= 2;
+            EXPECT_EQ(out[y * 5 + x], inside ? px[y * 5 + x] ^ 0x00FFFFFFu : px[y * 5 + x])
+                << x << "," << y;
+        }
+    EXPECT_EQ(result.Value, 7.5); // an ordinary filter leaves the answer alone
+    EXPECT_TRUE(FindImageRecord(id)->bModified);
+
+    // An empty zone runs nothing and writes nothing.
+    ClearImageModified(id);
+    EXPECT_EQ(RunFilter(FilterId::Negative, id, FilterZone{0, 0, 0, 4}, FilterParams{}), OK);
+    EXPECT_FALSE(FindImageRecord(id)->bModified);
+    EXPECT_EQ(ReadId(id, 5, 4), out);
+    // A zone reaching outside is status 1; an unknown image the engine's 2.
+    EXPECT_EQ(RunFilter(FilterId::Negative, id, FilterZone{3, 2, 5, 5}, FilterParams{}),
+              GenericError);
+    EXPECT_EQ(ReadId(id, 5, 4), out);
+    EXPECT_EQ(RunFilter(FilterId::Negative, 0, FilterZone{0, 0, 5, 4}, FilterParams{}),
+              InvalidParameter);
+    // A free identifier writes the zone back unchanged.
+    EXPECT_EQ(RunFilter(static_cast<FilterId>(21), id, FilterZone{0, 0, 5, 4}, FilterParams{}), OK);
+    EXPECT_EQ(ReadId(id, 5, 4), out);
+    ReleaseImage(id);
+}
+
+// A failure inside a filter function reaches the caller as it was thrown,
+// whichever way the frame lent the pixels: the image stays as it was and no
+// lock is left on it (ReadId locks the image again).
+TEST(FilterEngine, AFailingFilterThrowsAndGivesItsLockBack) {
+    const auto px = Pixels(42, 3);
+    const std::int32_t id = RegisterARGB(px, 7, 6);
+    const FilterZone zone{0, 0, 7, 6};
+    FilterParams p;
+    // Sharpen runs in the image's own rows under a read-write lock; a
+    // parameter of -8 makes its divisor 0.
+    p.Param1 = -8;
+    EXPECT_THROW(RunFilter(FilterId::Sharpen, id, zone, p), std::domain_error);
+    EXPECT_EQ(ReadId(id, 7, 6), px);
+    // Contour reads the image's rows as its source under a read lock; its
+    // base colour does not fit 32 bits.
+    p.Param1 = 1e300;
+    EXPECT_THROW(RunFilter(FilterId::Contour, id, zone, p), std::range_error);
+    EXPECT_EQ(ReadId(id, 7, 6), px);
+    // Soften works on a copy and overflows a byte part-way through.
+    p.Param1 = 104;
+    EXPECT_THROW(RunFilter(FilterId::Soften, id, zone, p), std::range_error);
+    EXPECT_EQ(ReadId(id, 7, 6), px);
+    // The image still filters.
+    p.Param1 = 2;
+    EXPECT_EQ(RunFilter(FilterId::Sharpen, id, zone, p), OK);
+    EXPECT_NE(ReadId(id, 7, 6), px);
+    ReleaseImage(id);
+}
+
+// Through the public object the same failures are status 1, stored too.
+TEST(FilterFrame, AFailureInsideAFilterIsStatusOne) {
+    Imaging im;
+    const auto bump = Bump();
+    const std::vector<std::int32_t> px(bump.begin(), bump.end());
+    NewARGB(im, px, 5, 4);
+    EXPECT_EQ(im.FxSoften(105), GenericError); // divisor 0
+    EXPECT_EQ(im.GetStat(), GenericError);
+    ASSERT_EQ(im.FxNegative(), OK);
+    ASSERT_EQ(im.FxNegative(), OK);
+    EXPECT_EQ(im.FxSoften(104), GenericError); // -200 at the bump
+    EXPECT_EQ(im.GetStat(), GenericError);
+    EXPECT_EQ(Read(im, 5, 4), px);
 }

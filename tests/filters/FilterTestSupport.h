@@ -24,8 +24,11 @@ inline std::uint32_t Blue(std::uint32_t p) {
     return p & 0xFF;
 }
 
+using kestrelyn::FilterId;
+using kestrelyn::FilterNumber;
+
 struct Run {
-    std::int32_t id;
+    FilterId id;
     double p1 = 0, p2 = 0, p3 = 0, p4 = 0;
 };
 

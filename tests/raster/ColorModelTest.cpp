@@ -95,3 +95,34 @@ TEST(ColorModels, HSLToRGBSextants) {
     EXPECT_EQ(r, 51);
     EXPECT_THROW(HSLtoRGB(0.0f, 0.5f, 2.0f, r, g, b), std::range_error);
 }
+
+// The non-throwing form agrees with HSLtoRGB over a grid that crosses every
+// sextant and leaves the byte range, and fails exactly where HSLtoRGB throws,
+// having written the channels before the failing one.
+TEST(ColorModels, TryHSLtoRGBAgreesWithTheThrowingForm) {
+    int nFailures = 0;
+    for (float H = -1.0f; H <= 5.0f; H += 0.25f)
+        for (float S = -0.5f; S <= 1.5f; S += 0.25f)
+            for (float L = -0.25f; L <= 1.5f; L += 0.125f) {
+                std::uint8_t r1 = 1, g1 = 2, b1 = 3, r2 = 1, g2 = 2, b2 = 3;
+                bool bThrew = false;
+                try {
+                    HSLtoRGB(H, S, L, r1, g1, b1);
+                } catch (const std::range_error&) {
+                    bThrew = true;
+                }
+                EXPECT_EQ(TryHSLtoRGB(H, S, L, r2, g2, b2), !bThrew) << H << " " << S << " " << L;
+                EXPECT_EQ(r1, r2);
+                EXPECT_EQ(g1, g2);
+                EXPECT_EQ(b1, b2);
+                nFailures += bThrew;
+            }
+    EXPECT_GT(nFailures, 0);
+    // p = -0.25, q = 1.25: red = 0.5 fits, green = q does not, so red is
+    // written and green and blue keep theirs.
+    std::uint8_t r = 7, g = 8, b = 9;
+    EXPECT_FALSE(TryHSLtoRGB(1.5f, 1.5f, 0.5f, r, g, b));
+    EXPECT_EQ(r, 128); // 127.5
+    EXPECT_EQ(g, 8);
+    EXPECT_EQ(b, 9);
+}

@@ -3,9 +3,9 @@
 // (colourise reads SourcePixels) and keep alpha unless they say otherwise.
 // Tables are built once per call; rounding is half to even.
 #if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC optimize("O3")
-// GCC 12's AVX-512 headers start some intrinsics from a deliberately
-// undefined vector, which -Wmaybe-uninitialized reports at every use.
+// Still needed: GCC 12's AVX-512 headers start some intrinsics used here (the
+// 64-byte table lookups) from a deliberately undefined vector, which
+// -Wmaybe-uninitialized reports at every use.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 #include <immintrin.h>
@@ -723,12 +723,7 @@ void FilterColorize(FilterContext& ctx) {
         float l = static_cast<float>(s / 765.0);
         l = static_cast<float>(static_cast<double>(l) * ctx.Luminosity);
         std::uint8_t r = 0, g = 0, b = 0;
-        ok[s] = true;
-        try {
-            HSLtoRGB(ctx.Hue, ctx.Saturation, l, r, g, b);
-        } catch (const std::range_error&) {
-            ok[s] = false;
-        }
+        ok[s] = TryHSLtoRGB(ctx.Hue, ctx.Saturation, l, r, g, b);
         T[s] = (std::uint32_t(r) << 16) | (std::uint32_t(g) << 8) | b;
     }
     const std::size_t n = ctx.WorkPixels.size();
