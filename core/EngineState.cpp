@@ -21,7 +21,6 @@ namespace {
 
 thread_local EngineState tlEngine;
 
-
 const char* const kMessageTitle = "Kestrelyn";
 
 std::string EngineFailureText(const char* sPrefix, int nErr, const std::string& sDescription) {

@@ -4,7 +4,7 @@
 // records here.
 #include "core/ImageLoader.h"
 #include "platform/Files.h"
-#include "platform/modStrings.h"
+#include "platform/TextHelpers.h"
 
 #include <sys/stat.h>
 

@@ -2,7 +2,7 @@
 // save, the engine routes (BMP, GIF, PNG, JPEG, TIFF), the multi-frame TIFF
 // writer and the byte array, stream and string forms.
 #include "core/ImageSaver.h"
-#include "platform/modStrings.h"
+#include "platform/TextHelpers.h"
 
 #include <algorithm>
 #include <cctype>
@@ -13,9 +13,9 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "core/CodecPluginBridge.h"
 #include "core/ImageLoader.h"
 #include "core/modMain.h"
-#include "core/CodecPluginBridge.h"
 #include "platform/Windows1252.h"
 #include "platform/modkyimgplug.h"
 
@@ -60,7 +60,6 @@ bool HasProperty(GpImage* img, PROPID id) {
     if (GdipGetPropertyIdList(img, count, ids.data()) != OK) return false;
     return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
-
 
 } // namespace
 

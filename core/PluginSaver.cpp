@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <functional>
 
+#include "core/CodecPluginBridge.h"
 #include "core/ImageSaver.h"
 #include "core/modMain.h"
-#include "core/CodecPluginBridge.h"
 #include "platform/modWinapi.h"
 #include "platform/modkyimgplug.h"
 

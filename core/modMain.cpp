@@ -32,8 +32,6 @@ std::mt19937& ThreadRandom() {
     return generator;
 }
 
-
-
 // Walks to the first free slot or grows the table by one record.
 std::int32_t AllocateRecord() {
     ImageRegistry& reg = tlRegistry;

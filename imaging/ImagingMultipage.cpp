@@ -7,7 +7,7 @@
 #include "core/ImageLoader.h"
 #include "core/ImageSaver.h"
 #include "core/modMain.h"
-#include "multipage/modMultiPage.h"
+#include "multipage/MultiPageDocuments.h"
 
 namespace kestrelyn {
 

@@ -7,7 +7,7 @@
 #include "core/modMain.h"
 #include "imaging/PdfImageSource.h"
 #include "imaging/cImaging.h"
-#include "multipage/modMultiPage.h"
+#include "multipage/MultiPageDocuments.h"
 #include "pdf/cPDF.h"
 
 namespace kestrelyn {

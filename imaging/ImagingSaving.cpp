@@ -14,8 +14,8 @@
 #include "core/ImageSaver.h"
 #include "core/modMain.h"
 #include "filters/modFilters.h"
+#include "platform/TextHelpers.h"
 #include "platform/Windows1252.h"
-#include "platform/modStrings.h"
 #include "platform/modWinapi.h"
 #include "platform/modkyimgplug.h"
 

@@ -19,9 +19,12 @@ template <typename Ret, typename Fn> Ret GuardOperation(cImaging& impl, Fn&& fn)
         failure = GenericError;
     }
     impl.nStatus = failure;
-    if constexpr (std::is_same_v<Ret, KestrelynStatus>) return failure;
-    else if constexpr (std::is_void_v<Ret>) return;
-    else return Ret{};
+    if constexpr (std::is_same_v<Ret, KestrelynStatus>)
+        return failure;
+    else if constexpr (std::is_void_v<Ret>)
+        return;
+    else
+        return Ret{};
 }
 
 } // namespace kestrelyn

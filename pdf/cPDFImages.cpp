@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "pdf/cPDF.h"
-#include "platform/modCcitt.h"
+#include "platform/Ccitt.h"
 #include "platform/modkyimgplug.h"
 
 namespace kestrelyn {

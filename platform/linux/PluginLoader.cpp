@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "platform/modStrings.h"
+#include "platform/TextHelpers.h"
 
 #ifndef KY_INSTALL_PLUGIN_DIR
 #define KY_INSTALL_PLUGIN_DIR "/usr/local/lib/kestrelyn"

@@ -3,7 +3,7 @@
 #include <set>
 #include <thread>
 
-#include "core_test_util.h"
+#include "support/ImagingTestUtil.h"
 
 namespace kestrelyn::test {
 namespace {

@@ -16,7 +16,8 @@ namespace {
 
 // Calls an operation with a value-initialised argument of each parameter type
 // (0, "", empty arrays, null handles).
-template <typename R, typename... A> R CallWithBlankArguments(Imaging& img, R (Imaging::*fn)(A...)) {
+template <typename R, typename... A>
+R CallWithBlankArguments(Imaging& img, R (Imaging::*fn)(A...)) {
     std::tuple<std::remove_cvref_t<A>...> args{};
     return std::apply([&](auto&... a) -> R { return (img.*fn)(a...); }, args);
 }

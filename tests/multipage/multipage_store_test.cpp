@@ -2,7 +2,7 @@
 // PIL, the native multi-page writer and merges.
 #include <sys/stat.h>
 
-#include "multipage/modMultiPage.h"
+#include "multipage/MultiPageDocuments.h"
 #include "tests/core/save_support.h"
 
 namespace kestrelyn::savetest {

@@ -14,7 +14,7 @@
 #include "imaging/PdfImageSource.h"
 #include "kestrelyn/Imaging.h"
 #include "pdf/cPDF.h"
-#include "platform/modCcitt.h"
+#include "platform/Ccitt.h"
 #include "platform/modkyimgplug.h"
 #include "support/Checkers.h"
 

@@ -8,7 +8,7 @@
 
 #include "platform/PluginLoader.h"
 #include "platform/modGdi32.h"
-#include "platform/modStrings.h"
+#include "platform/TextHelpers.h"
 #include "platform/modWinapi.h"
 
 namespace kestrelyn {

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <tiffio.h>
 
-#include "platform/modCcitt.h"
+#include "platform/Ccitt.h"
 
 namespace kestrelyn {
 

@@ -2,10 +2,10 @@
 // the host layer's memory, pictures, streams and versions.
 #include <cstring>
 
-#include "core_test_util.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
 #include "support/Checkers.h"
+#include "support/ImagingTestUtil.h"
 
 namespace kestrelyn::test {
 namespace {

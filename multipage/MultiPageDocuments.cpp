@@ -1,5 +1,5 @@
 // The document operations of the editable multi-page store.
-#include "multipage/modMultiPage.h"
+#include "multipage/MultiPageDocuments.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -6,7 +6,7 @@
 
 #include "platform/modWinapi.h"
 
-#include "core_test_util.h"
+#include "support/ImagingTestUtil.h"
 
 namespace kestrelyn::test {
 namespace {
