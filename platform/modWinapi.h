@@ -32,7 +32,7 @@ bool PictureRelease(PictureHandle hPicture);
 enum MessageBoxStyle : std::int32_t { MessageBoxInformation = 0, MessageBoxCritical = 16 };
 
 class HostServices {
-public:
+  public:
     virtual ~HostServices() = default;
     virtual void MessageBox(const std::string& sText, const std::string& sTitle,
                             MessageBoxStyle eStyle) = 0;

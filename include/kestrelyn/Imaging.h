@@ -16,7 +16,7 @@ namespace kestrelyn {
 class cImaging;
 
 class Imaging {
-public:
+  public:
     Imaging();
     ~Imaging();
     Imaging(const Imaging&) = delete;
@@ -30,7 +30,7 @@ public:
 #undef KY_OP
 #undef KY_DEFAULT
 
-private:
+  private:
     cImaging& self();
     std::unique_ptr<cImaging> m_impl;
 };

@@ -129,7 +129,7 @@ struct PixelArray2D {
 // Memory and file implementations come with the library; an application may
 // supply its own.
 class Stream {
-public:
+  public:
     enum SeekOrigin { Begin = 0, Current = 1, End = 2 };
     virtual ~Stream() = default;
     // Reads up to nCount bytes; returns the number read (0 at the end).

@@ -30,9 +30,7 @@ struct FileHandle {
     ~FileHandle() {
         if (fd >= 0) ::close(fd);
     }
-    std::string ReadPath() const {
-        return fd >= 0 ? "/proc/self/fd/" + std::to_string(fd) : path;
-    }
+    std::string ReadPath() const { return fd >= 0 ? "/proc/self/fd/" + std::to_string(fd) : path; }
 };
 
 struct MultiBitmap {

@@ -4,9 +4,9 @@
 
 #include "core/PageStore.h"
 
+#include "support/Checkers.h"
 #include <atomic>
 #include <thread>
-#include "support/Checkers.h"
 
 namespace kestrelyn::loadtest {
 namespace {

@@ -3,8 +3,8 @@
 
 #include "core/CodecPluginBridge.h"
 #include "platform/modkyimgplug.h"
-#include "tests/core/save_support.h"
 #include "support/Checkers.h"
+#include "tests/core/save_support.h"
 
 namespace kestrelyn::savetest {
 namespace {

@@ -1,8 +1,8 @@
 // Plug-in saves, the JBIG back door, icons and lossless JPEG transforms.
 #include "core/CodecPluginBridge.h"
 #include "platform/modkyimgplug.h"
-#include "tests/core/save_support.h"
 #include "support/Checkers.h"
+#include "tests/core/save_support.h"
 
 namespace kestrelyn::savetest {
 namespace {

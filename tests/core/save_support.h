@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "core/ImageSaver.h"
-#include "imaging/cImaging.h"
 #include "core/modMain.h"
 #include "file_support.h"
+#include "imaging/cImaging.h"
 #include "kestrelyn/Imaging.h"
 #include "platform/modGdiPlus.h"
 

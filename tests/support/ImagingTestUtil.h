@@ -7,9 +7,9 @@
 #include <string>
 #include <sys/stat.h>
 
-#include "imaging/cImaging.h"
 #include "core/EngineState.h"
 #include "core/modMain.h"
+#include "imaging/cImaging.h"
 #include "kestrelyn/Imaging.h"
 
 namespace kestrelyn::test {

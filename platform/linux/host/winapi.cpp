@@ -7,8 +7,8 @@
 #include <mutex>
 
 #include "platform/PluginLoader.h"
-#include "platform/modGdi32.h"
 #include "platform/TextHelpers.h"
+#include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
 
 namespace kestrelyn {
