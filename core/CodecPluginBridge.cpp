@@ -12,6 +12,7 @@
 #include "core/ImageLoader.h"
 #include "core/PageStore.h"
 #include "core/modMain.h"
+#include "platform/TextHelpers.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
 #include "platform/modkyimgplug.h"
@@ -22,15 +23,6 @@ namespace {
 
 ReadPluginMetadataFn gReadMetadata = nullptr;
 WritePluginMetadataFn gWriteMetadata = nullptr;
-
-std::string TrimText(const std::string& s) {
-    std::size_t b = 0, e = s.size();
-    while (b < e && std::isspace(static_cast<unsigned char>(s[b])))
-        ++b;
-    while (e > b && std::isspace(static_cast<unsigned char>(s[e - 1])))
-        --e;
-    return s.substr(b, e - b);
-}
 
 // Formats whose plug-in decoders leave the rows top-down.
 bool RowsTopDown(int nFormat) {
@@ -109,7 +101,7 @@ std::string GetFileVersionString(const std::string& sDll) {
         while (true) {
             const std::size_t dot = sVersion.find('.', start);
             if (!out.empty() || start > 0) out += '.';
-            out += TrimText(
+            out += Trim(
                 sVersion.substr(start, dot == std::string::npos ? std::string::npos : dot - start));
             if (dot == std::string::npos) break;
             start = dot + 1;

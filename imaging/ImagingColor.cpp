@@ -10,6 +10,17 @@
 namespace kestrelyn {
 
 namespace {
+// The four channels of an ARGB value, read through the colour class.
+template <typename T>
+void SplitARGB(std::int32_t nARGBValue, T& nAlpha, T& nRed, T& nGreen, T& nBlue) {
+    cColor c;
+    c.SetValue(nARGBValue);
+    nAlpha = c.GetAlpha();
+    nRed = c.GetRed();
+    nGreen = c.GetGreen();
+    nBlue = c.GetBlue();
+}
+
 std::uint32_t LimitByte(std::int32_t v) {
     return static_cast<std::uint32_t>(std::min(v, 255)) & 0xFF;
 }
@@ -43,23 +54,13 @@ void cImaging::ColorGetRGBFromRGBValuel(std::int32_t nRGBValue, std::int32_t& nR
 void cImaging::ColorGetARGBFromARGBValue(std::int32_t nARGBValue, std::uint8_t& nAlpha,
                                          std::uint8_t& nRed, std::uint8_t& nGreen,
                                          std::uint8_t& nBlue) {
-    cColor c;
-    c.SetValue(nARGBValue);
-    nAlpha = c.GetAlpha();
-    nRed = c.GetRed();
-    nGreen = c.GetGreen();
-    nBlue = c.GetBlue();
+    SplitARGB(nARGBValue, nAlpha, nRed, nGreen, nBlue);
 }
 
 void cImaging::ColorGetARGBFromARGBValuel(std::int32_t nARGBValue, std::int32_t& nAlpha,
                                           std::int32_t& nRed, std::int32_t& nGreen,
                                           std::int32_t& nBlue) {
-    cColor c;
-    c.SetValue(nARGBValue);
-    nAlpha = c.GetAlpha();
-    nRed = c.GetRed();
-    nGreen = c.GetGreen();
-    nBlue = c.GetBlue();
+    SplitARGB(nARGBValue, nAlpha, nRed, nGreen, nBlue);
 }
 
 void cImaging::ColorRGBtoCMY(std::uint8_t nRedValue, std::uint8_t nGreenValue,

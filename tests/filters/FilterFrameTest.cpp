@@ -11,6 +11,7 @@
 #include "core/modMain.h"
 #include "kestrelyn/Imaging.h"
 #include "platform/modGdiPlus.h"
+#include "support/RegistryImages.h"
 
 using namespace kestrelyn;
 using namespace kytest;
@@ -227,35 +228,15 @@ namespace {
 
 // A 32-bit ARGB engine bitmap registered without any Imaging object.
 std::int32_t RegisterARGB(const std::vector<std::uint32_t>& px, int w, int h) {
-    GpBitmap* bmp = nullptr;
-    EXPECT_EQ(GdipCreateBitmapFromScan0(w, h, 0, PixelFormat32bppARGB, nullptr, &bmp), OK);
-    GpRect rect{0, 0, w, h};
-    BitmapData d;
-    d.Width = w;
-    d.Height = h;
-    d.Stride = 4 * w;
-    d.PixelFormat = PixelFormat32bppARGB;
-    d.Scan0 = const_cast<std::uint32_t*>(px.data());
-    EXPECT_EQ(GdipBitmapLockBits(bmp, &rect, 6, PixelFormat32bppARGB, &d), OK);
-    EXPECT_EQ(GdipBitmapUnlockBits(bmp, &d), OK);
-    std::int32_t id = 0;
-    RegisterImage(id, bmp, "Memory BMP", "", KindEngine);
-    return id;
+    return test::RegisterPixels(PixelFormat32bppARGB, px, w, h);
 }
 
 // The pixels of a registry image through the registry's lock, which fails
 // while someone else still holds a lock on the image.
 std::vector<std::uint32_t> ReadId(std::int32_t id, int w, int h) {
-    std::vector<std::uint32_t> px(static_cast<std::size_t>(w) * h);
-    BitmapData d;
-    d.Width = w;
-    d.Height = h;
-    d.Stride = 4 * w;
-    d.PixelFormat = PixelFormat32bppARGB;
-    d.Scan0 = px.data();
-    PixelFormat fmt = PixelFormat32bppARGB;
-    EXPECT_EQ(LockBits(id, GpRect{0, 0, w, h}, 5, fmt, d), OK);
-    EXPECT_EQ(UnlockBits(id, d), OK);
+    const std::vector<std::uint8_t> rows = test::ReadRows(id, PixelFormat32bppARGB, w, h, 4 * w);
+    std::vector<std::uint32_t> px(static_cast<std::size_t>(w) * static_cast<std::size_t>(h));
+    std::memcpy(px.data(), rows.data(), rows.size());
     return px;
 }
 

@@ -10,43 +10,19 @@
 #include "kestrelyn/Imaging.h"
 #include "platform/modGdiPlus.h"
 #include "raster/FormatConversion.h"
+#include "support/RegistryImages.h"
 
 using namespace kestrelyn;
 
 namespace {
 
-// A registered engine bitmap of the format filled from 32-bit ARGB pixels.
 std::int32_t Register(PixelFormat fmt, const std::vector<std::uint32_t>& px, int w, int h,
                       const std::string& sFormatName) {
-    GpBitmap* bmp = nullptr;
-    EXPECT_EQ(GdipCreateBitmapFromScan0(w, h, 0, fmt, nullptr, &bmp), OK);
-    GpRect rect{0, 0, w, h};
-    BitmapData d;
-    d.Width = w;
-    d.Height = h;
-    d.Stride = 4 * w;
-    d.PixelFormat = PixelFormat32bppARGB;
-    d.Scan0 = const_cast<std::uint32_t*>(px.data());
-    EXPECT_EQ(GdipBitmapLockBits(bmp, &rect, 6, PixelFormat32bppARGB, &d), OK);
-    EXPECT_EQ(GdipBitmapUnlockBits(bmp, &d), OK);
-    std::int32_t id = 0;
-    RegisterImage(id, bmp, sFormatName, "", KindEngine);
-    return id;
+    return test::RegisterPixels(fmt, px, w, h, sFormatName);
 }
 
-// The rows of an image in a format, `stride` bytes each.
 std::vector<std::uint8_t> Rows(std::int32_t id, PixelFormat fmt, int w, int h, int stride) {
-    std::vector<std::uint8_t> rows(static_cast<std::size_t>(stride) * h);
-    BitmapData d;
-    d.Width = w;
-    d.Height = h;
-    d.Stride = stride;
-    d.PixelFormat = fmt;
-    d.Scan0 = rows.data();
-    PixelFormat f = fmt;
-    EXPECT_EQ(LockBits(id, GpRect{0, 0, w, h}, 5, f, d), OK);
-    EXPECT_EQ(UnlockBits(id, d), OK);
-    return rows;
+    return test::ReadRows(id, fmt, w, h, stride);
 }
 
 PixelFormat FormatOf(std::int32_t id) {
