@@ -271,7 +271,7 @@ TEST(PdfFontService, FontRecordFromTheFacesMetrics) {
     EXPECT_EQ(o.sName, "AlphaSans,BoldItalic");
     EXPECT_EQ(o.nFirstChar, 32);
     EXPECT_EQ(o.nLastChar, 126);
-    EXPECT_EQ(o.arWidths['A'], 465);
+    EXPECT_EQ(o.arWidths[static_cast<unsigned char>('A')], 465);
     EXPECT_EQ(o.arWidths[31], 0);
     EXPECT_EQ(o.arWidths[127], 0);
     EXPECT_EQ(o.nMissingWidth, 777); // code 0 lies before the first
