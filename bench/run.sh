@@ -45,6 +45,19 @@ PY
     done
 }
 
+# Peak resident size of each memory job and its ratio to the image's pixels.
+report_bench_memory() {
+    /usr/bin/python3 - "$1" <<'PY'
+import json, sys
+for b in json.load(open(sys.argv[1]))["benchmarks"]:
+    if "ratio" in b:
+        print(f"memory: {b['name']}: peak {b['peak_kb'] / 1024:.0f} MB for "
+              f"{b['image_kb'] / 1024:.0f} MB of pixels, ratio {b['ratio']:.2f}, "
+              f"{b['real_time'] / 1000:.1f} s, {b['after_close_kb'] / 1024:.0f} MB resident "
+              "after CloseImage")
+PY
+}
+
 for prog in "$BUILD"/bin/bench_*; do
     [ -x "$prog" ] || continue
     name="$(basename "$prog")"

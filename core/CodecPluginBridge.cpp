@@ -12,6 +12,7 @@
 #include "core/ImageLoader.h"
 #include "core/PageStore.h"
 #include "core/modMain.h"
+#include "platform/SafeFile.h"
 #include "platform/TextHelpers.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
@@ -459,7 +460,11 @@ KestrelynStatus ImageToPluginBitmap(std::intptr_t& nBitmap, std::int32_t nImageI
 }
 
 bool SavePluginFile(int nFormat, std::intptr_t nBitmap, const std::string& sFilePath, int nFlags) {
-    return KYIMGPLUG_SaveU(nFormat, nBitmap, sFilePath.c_str(), nFlags) == 1;
+    // The plug-in writes a file beside the target, which replaces the target
+    // only when the plug-in reports it complete.
+    return WriteFileSafely(sFilePath, [&](const std::string& sTemp) {
+        return KYIMGPLUG_SaveU(nFormat, nBitmap, sTemp.c_str(), nFlags) == 1;
+    });
 }
 
 } // namespace kestrelyn

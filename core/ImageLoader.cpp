@@ -76,7 +76,7 @@ void ReadGifFacts(GpImage* img, ImageRecord& head) {
 // ---------------------------------------------------------------------------
 // Paths.
 
-std::string NormaliseLoadPath(const std::string& sFilePath) {
+std::string NormaliseFilePath(const std::string& sFilePath) {
     std::string path = Trim(sFilePath);
     for (char& c : path)
         if (c == '\\') c = '/';
@@ -110,7 +110,7 @@ KestrelynStatus LoadImageFile(std::int32_t& nImageID, const std::string& sFilePa
         std::string sChosen;
         if (GetHostServices().OpenFileDialog("All files (*.*)|*.*", sChosen)) sPath = sChosen;
     }
-    sPath = NormaliseLoadPath(sPath);
+    sPath = NormaliseFilePath(sPath);
     if (sPath.empty() || !IsRegularFile(sPath)) return FileNotFound;
 
     KestrelynStatus status = UnknownImageFormat;
@@ -212,11 +212,12 @@ KestrelynStatus OpenMultiPageAfterLoad(const std::string& sFilePath, std::int32_
 KestrelynStatus LoadImageFromBytes(std::int32_t& nImageID, const std::vector<std::uint8_t>& arBytes,
                                    const LoadOptions& oOptions) {
     nImageID = 0;
-    if (arBytes.empty()) return ProfileNotFound;
+    // No bytes make an empty file, which no decoder takes: the status is that
+    // of the file route, as for an empty file on disk.
     const std::string sTemp = MakeTempFileName();
     {
         std::ofstream file(sTemp, std::ios::binary | std::ios::trunc);
-        if (file)
+        if (file && !arBytes.empty())
             file.write(reinterpret_cast<const char*>(arBytes.data()),
                        static_cast<std::streamsize>(arBytes.size()));
         if (!file) {

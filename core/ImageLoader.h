@@ -11,10 +11,11 @@
 
 namespace kestrelyn {
 
-// A load path made plain: trimmed, "\" turned into "/", doubled separators
-// collapsed after the start, a leading "//" kept. Paths of 3 characters or
-// fewer are only trimmed and slashed.
-std::string NormaliseLoadPath(const std::string& sFilePath);
+// The one rule for the path of every file the library reads or writes, so
+// that a save and a load of the same name reach the same file: trimmed, "\"
+// turned into "/", doubled separators collapsed after the start, a leading
+// "//" kept. Paths of 3 characters or fewer are only trimmed and slashed.
+std::string NormaliseFilePath(const std::string& sFilePath);
 
 // How a file is loaded. The defaults are those of an inner load: no colour
 // management, the plug-in allowed, multi-page files editable, no dialog.

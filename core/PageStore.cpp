@@ -42,7 +42,10 @@ std::int32_t BurstPages(std::int32_t nHeadID, const PageWriter& writePage) {
     for (std::int32_t i = 0; i < count; ++i) {
         const std::string sPageFile = MakeTempFileName();
         std::int32_t depth = 0;
-        if (writePage(i, sPageFile, depth) != OK) continue;
+        if (writePage(i, sPageFile, depth) != OK) {
+            RemoveFileQuietly(sPageFile); // the name was taken by creating the file
+            continue;
+        }
         ImageRecord& h = *FindImageRecord(nHeadID); // the writer may reshape the table
         const auto p = static_cast<std::size_t>(i);
         if (p >= h.arPageFiles.size() || p >= h.arPageDepths.size()) {
@@ -300,6 +303,7 @@ void FlushCurrentPage(std::int32_t nImageID) {
             const std::string sNew = MakeTempFileName();
             const KestrelynStatus stored =
                 pageRec ? StorePage(page, sNew, DocumentFormatOf(*rec)) : GenericError;
+            if (stored != OK) RemoveFileQuietly(sNew);
             const std::int32_t depth = pageRec ? ImageDepth(page) : 0;
             rec = FindImageRecord(nImageID);
             rec->arPageImages[c] = 0;

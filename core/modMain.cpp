@@ -6,12 +6,15 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <fcntl.h>
 #include <functional>
 #include <random>
 #include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 #include "core/PageStore.h"
 #include "platform/modWinapi.h"
@@ -310,16 +313,26 @@ KestrelynStatus CreateBitmap(std::int32_t nWidth, std::int32_t nHeight, std::int
     return OK;
 }
 
+// Names drawn before giving up on a temporary directory full of our files.
+constexpr int kTempNameAttempts = 1000;
+
 std::string MakeTempFileName() {
+    // The name is taken by creating the file: no other call, thread or process
+    // can be given it until the file is removed.
     const std::string sDir = GetTempDirectory();
     std::uniform_real_distribution<float> draw(0.0f, 1.0f);
-    std::string sPath;
-    do {
+    for (int attempt = 0; attempt < kTempNameAttempts; ++attempt) {
         const float r = draw(ThreadRandom());
         const auto n = static_cast<std::uint64_t>(static_cast<double>(r) * 100000000.0);
-        sPath = sDir + kPathSeparator + std::to_string(n);
-    } while (PathExists(sPath));
-    return sPath;
+        std::string sPath = sDir + kPathSeparator + kTempFilePrefix + std::to_string(n);
+        const int fd = ::open(sPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            ::close(fd);
+            return sPath;
+        }
+        if (errno != EEXIST) break; // a missing or closed folder: no name can be had
+    }
+    return std::string();
 }
 
 std::int32_t ComputeStride(std::int32_t nWidth, std::int32_t nDepth) {

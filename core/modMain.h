@@ -85,7 +85,11 @@ void MarkTempFile(std::int32_t nImageID, const std::string& sFilePath);
 KestrelynStatus CreateBitmap(std::int32_t nWidth, std::int32_t nHeight, std::int32_t nStride,
                              std::int32_t nPixelFormat, void* nBits, std::int32_t& nImageID,
                              bool bOwnsBits);
+// A new, empty temporary file, created exclusively in the temporary directory
+// and named "kestrelyn-<decimal>"; its path is returned, and the caller owns
+// the file (writes over it and removes it). Empty when no file can be made.
 std::string MakeTempFileName();
+inline constexpr char kTempFilePrefix[] = "kestrelyn-";
 
 // A new image id from the thread's clock-seeded generator: 1 .. 100000000.
 std::int32_t NewImageId();

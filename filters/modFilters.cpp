@@ -2,7 +2,11 @@
 // format. See modFilters.h.
 #include "filters/modFilters.h"
 
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "core/modMain.h"
 #include "platform/modGdiPlus.h"
@@ -168,9 +172,45 @@ bool IsNumberStatistic(std::int32_t id) {
 
 thread_local std::uint32_t tRandomState = 0x2545F491u;
 
+// Pixels in one row band of the banded frame (4 MB of 32-bit pixels).
+constexpr std::size_t kDefaultBandPixels = std::size_t(1) << 20;
+thread_local std::size_t tBandPixels = kDefaultBandPixels;
+
+// The identifiers whose result for a pixel depends on that pixel alone (and
+// on its row modulo 4 for the ordered dither), that gather no statistic over
+// the zone and cannot fail once they have started writing: the frame runs them
+// band by band, so the result is the same as over the whole zone at once.
+bool RunsInBands(std::int32_t id) {
+    switch (static_cast<FilterId>(id)) {
+    case FilterId::Negative:
+    case FilterId::Grayscale:
+    case FilterId::Brightness:
+    case FilterId::SwapChannels:
+    case FilterId::Threshold:
+    case FilterId::OrderedDither:
+    case FilterId::Gamma:
+    case FilterId::Transparency:
+    case FilterId::AdjustRGB:
+    case FilterId::KeepRed:
+    case FilterId::KeepGreen:
+    case FilterId::KeepBlue:
+    case FilterId::RemoveRed:
+    case FilterId::RemoveGreen:
+    case FilterId::RemoveBlue:
+    case FilterId::ColorKey:
+    case FilterId::ColorReplace:
+        return true;
+    default:
+        return false;
+    }
+}
+
 // The per-thread pool behind FilterPixels: at most two blocks are kept (the
-// frame's work and source buffers), so a thread holds on to no more than two
-// zones' worth of pixels between runs.
+// frame's work and source buffers), and only blocks up to one default row
+// band; a larger block goes back to the system at once, so a thread keeps no
+// more than a few MB between runs however large the image was.
+constexpr std::size_t kPoolBlockMax = kDefaultBandPixels;
+
 class PixelPool {
   public:
     ~PixelPool() {
@@ -190,9 +230,21 @@ class PixelPool {
             return b.p;
         }
         cap = n;
+        if (n > kPoolBlockMax) {
+            // Mapped directly, so that giving it back returns it to the system
+            // whatever the allocator's thresholds.
+            void* m = mmap(nullptr, n * sizeof(std::uint32_t), PROT_READ | PROT_WRITE,
+                           MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (m == MAP_FAILED) throw std::bad_alloc();
+            return static_cast<std::uint32_t*>(m);
+        }
         return new std::uint32_t[n]; // left uninitialised: every user overwrites it
     }
     void Give(std::uint32_t* p, std::size_t cap) {
+        if (cap > kPoolBlockMax) {
+            munmap(p, cap * sizeof(std::uint32_t));
+            return;
+        }
         int slot = !blocks_[0].p ? 0 : (!blocks_[1].p ? 1 : -1);
         if (slot < 0) {
             slot = blocks_[0].cap <= blocks_[1].cap ? 0 : 1;
@@ -322,6 +374,56 @@ std::uint8_t NearestEntry(std::uint32_t px, const std::vector<ARGB>& pal, const 
     return idx;
 }
 
+// Stores a zone's filtered 32-bit pixels back in the image's own format: 1-bit
+// by the blue byte, 8-bit indexed by the gray level or the nearest entry.
+KestrelynStatus StoreZone(std::int32_t Image, const FilterZone& Zone, PixelFormat format,
+                          const std::vector<ARGB>& palette, bool bPaletteIsGray,
+                          const std::uint32_t* pixels) {
+    if (format == kFormat1bpp) {
+        const INT stride = ((Zone.Width + 31) / 32) * 4;
+        std::vector<std::uint8_t> bits(static_cast<std::size_t>(stride) * Zone.Height, 0);
+        for (std::int32_t y = 0; y < Zone.Height; ++y) {
+            const std::uint32_t* row = pixels + static_cast<std::size_t>(y) * Zone.Width;
+            std::uint8_t* out = bits.data() + static_cast<std::size_t>(y) * stride;
+            for (std::int32_t x = 0; x < Zone.Width; ++x)
+                if ((row[x] & 0xFF) == 255)
+                    out[x >> 3] |= static_cast<std::uint8_t>(0x80u >> (x & 7));
+        }
+        return Transfer(Image, Zone, 6, kFormat1bpp, bits.data(), stride);
+    }
+    if (format == kFormat8bpp) {
+        const INT stride = (Zone.Width + 3) & ~3;
+        std::vector<std::uint8_t> bytes(static_cast<std::size_t>(stride) * Zone.Height, 0);
+        std::int32_t sq[256];
+        for (int i = 0; i < 256; ++i)
+            sq[i] = i * i;
+        for (std::int32_t y = 0; y < Zone.Height; ++y) {
+            const std::uint32_t* row = pixels + static_cast<std::size_t>(y) * Zone.Width;
+            std::uint8_t* out = bytes.data() + static_cast<std::size_t>(y) * stride;
+            if (bPaletteIsGray) {
+                for (std::int32_t x = 0; x < Zone.Width; ++x)
+                    out[x] = static_cast<std::uint8_t>(row[x] & 0xFF);
+            } else {
+                std::uint32_t lastPx = 0;
+                std::uint8_t lastIdx = 0;
+                bool bHave = false;
+                for (std::int32_t x = 0; x < Zone.Width; ++x) {
+                    const std::uint32_t px = row[x] & 0x00FFFFFFu;
+                    if (!bHave || px != lastPx) {
+                        lastIdx = NearestEntry(px, palette, sq);
+                        lastPx = px;
+                        bHave = true;
+                    }
+                    out[x] = lastIdx;
+                }
+            }
+        }
+        return Transfer(Image, Zone, 6, kFormat8bpp, bytes.data(), stride);
+    }
+    return Transfer(Image, Zone, 6, kFormatARGB, const_cast<std::uint32_t*>(pixels),
+                    4 * Zone.Width);
+}
+
 KestrelynStatus RunFrame(std::int32_t id, std::int32_t Image, const FilterZone& Zone,
                          FilterContext& ctx, bool& bAnswered) {
     // 1. Zone and full image size.
@@ -424,6 +526,31 @@ KestrelynStatus RunFrame(std::int32_t id, std::int32_t Image, const FilterZone& 
         }
     }
 
+    // A function of one pixel at a time runs band by band: one band's 32-bit
+    // copy at a time instead of the whole zone's.
+    if (fn && RunsInBands(id)) {
+        const std::int32_t nBand = FilterBandRows(Zone.Width);
+        if (nBand < Zone.Height) {
+            for (std::int32_t top = 0; top < Zone.Height; top += nBand) {
+                FilterZone band = Zone;
+                band.Top = Zone.Top + top;
+                band.Height = std::min(nBand, Zone.Height - top);
+                const std::size_t n = static_cast<std::size_t>(Zone.Width) * band.Height;
+                ctx.WorkPixels.ResizeForOverwrite(n);
+                st = Transfer(Image, band, 5, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
+                if (st != OK) return st;
+                ctx.ZoneHeight = band.Height;
+                ctx.PixelIndex = 0;
+                fn(ctx);
+                ctx.ZoneHeight = Zone.Height;
+                st = StoreZone(Image, band, format, palette, bPaletteIsGray, ctx.WorkPixels.data());
+                if (st != OK) return st;
+            }
+            bAnswered = true;
+            return OK;
+        }
+    }
+
     // 6-7. Working buffers. An identifier that reads a copy gets the zone as
     // SourcePixels (the image's own rows when they are 32-bit ARGB and packed,
     // so nothing is copied); WorkPixels then only needs what its function
@@ -454,50 +581,7 @@ KestrelynStatus RunFrame(std::int32_t id, std::int32_t Image, const FilterZone& 
 
     // 10-11. Back into the image.
     if (IsYesNoStatistic(id)) return OK;
-    if (format == kFormat1bpp) {
-        const INT stride = ((Zone.Width + 31) / 32) * 4;
-        std::vector<std::uint8_t> bits(static_cast<std::size_t>(stride) * Zone.Height, 0);
-        for (std::int32_t y = 0; y < Zone.Height; ++y) {
-            const std::uint32_t* row =
-                ctx.WorkPixels.data() + static_cast<std::size_t>(y) * Zone.Width;
-            std::uint8_t* out = bits.data() + static_cast<std::size_t>(y) * stride;
-            for (std::int32_t x = 0; x < Zone.Width; ++x)
-                if ((row[x] & 0xFF) == 255)
-                    out[x >> 3] |= static_cast<std::uint8_t>(0x80u >> (x & 7));
-        }
-        return Transfer(Image, Zone, 6, kFormat1bpp, bits.data(), stride);
-    }
-    if (format == kFormat8bpp) {
-        const INT stride = (Zone.Width + 3) & ~3;
-        std::vector<std::uint8_t> bytes(static_cast<std::size_t>(stride) * Zone.Height, 0);
-        std::int32_t sq[256];
-        for (int i = 0; i < 256; ++i)
-            sq[i] = i * i;
-        for (std::int32_t y = 0; y < Zone.Height; ++y) {
-            const std::uint32_t* row =
-                ctx.WorkPixels.data() + static_cast<std::size_t>(y) * Zone.Width;
-            std::uint8_t* out = bytes.data() + static_cast<std::size_t>(y) * stride;
-            if (bPaletteIsGray) {
-                for (std::int32_t x = 0; x < Zone.Width; ++x)
-                    out[x] = static_cast<std::uint8_t>(row[x] & 0xFF);
-            } else {
-                std::uint32_t lastPx = 0;
-                std::uint8_t lastIdx = 0;
-                bool bHave = false;
-                for (std::int32_t x = 0; x < Zone.Width; ++x) {
-                    const std::uint32_t px = row[x] & 0x00FFFFFFu;
-                    if (!bHave || px != lastPx) {
-                        lastIdx = NearestEntry(px, palette, sq);
-                        lastPx = px;
-                        bHave = true;
-                    }
-                    out[x] = lastIdx;
-                }
-            }
-        }
-        return Transfer(Image, Zone, 6, kFormat8bpp, bytes.data(), stride);
-    }
-    return Transfer(Image, Zone, 6, kFormatARGB, ctx.WorkPixels.data(), 4 * Zone.Width);
+    return StoreZone(Image, Zone, format, palette, bPaletteIsGray, ctx.WorkPixels.data());
 }
 
 } // namespace
@@ -648,6 +732,18 @@ int FilterVectorLevel() {
 
 void LimitFilterVectors(int nLevel) {
     tVectorLimit = nLevel;
+}
+
+void SetFilterBandPixels(std::size_t nPixels) {
+    tBandPixels = nPixels == 0 ? kDefaultBandPixels : nPixels;
+}
+
+std::int32_t FilterBandRows(std::int32_t nZoneWidth) {
+    if (nZoneWidth < 1) return 4;
+    const std::size_t rows = tBandPixels / static_cast<std::size_t>(nZoneWidth);
+    if (rows >= 0x40000000u) return 0x40000000;
+    // A multiple of 4 rows keeps the ordered dither's row phase.
+    return std::max<std::int32_t>(4, static_cast<std::int32_t>(rows) & ~3);
 }
 
 void SeedFilterRandom(std::uint32_t nSeed) {

@@ -19,9 +19,9 @@ namespace kestrelyn {
 
 // A flat run of pixels (bytes blue, green, red, alpha; rows packed). It either
 // owns an uninitialised block or borrows someone else's pixels (the frame
-// lends an image's own rows this way). Owned blocks come from and
-// return to a small per-thread pool, so a filter run over a large image does
-// not pay for fresh pages on every call.
+// lends an image's own rows this way). Owned blocks of up to one row band
+// come from and return to a small per-thread pool, so repeated runs do not
+// pay for fresh pages; larger blocks go back to the system when released.
 class FilterPixels {
   public:
     FilterPixels() = default;
@@ -145,6 +145,14 @@ std::int32_t RoundI(double v);
 enum FilterVectors : int { kVectorsSse2 = 0, kVectorsAvx2 = 1, kVectorsAvx512 = 2 };
 int FilterVectorLevel();
 void LimitFilterVectors(int nLevel);
+
+// The point filters (a pixel's result depends on that pixel alone) run over a
+// zone in row bands of about this many pixels, so their 32-bit working copy is
+// one band, not the zone; the result is the same. Per thread; 0 restores the
+// default (4 MB of pixels). Tests set small bands to compare with whole zones.
+void SetFilterBandPixels(std::size_t nPixels);
+// Rows of one band for a zone of this width: a multiple of 4, at least 4.
+std::int32_t FilterBandRows(std::int32_t nZoneWidth);
 
 // Palette forms (8-bit images with a coloured palette): the table applied to
 // each entry's blue, green and red.

@@ -7,7 +7,9 @@
 #include <fstream>
 
 #include "core/EngineState.h"
+#include "core/ImageLoader.h"
 #include "core/modMain.h"
+#include "platform/SafeFile.h"
 #include "platform/modGdi32.h"
 #include "platform/modWinapi.h"
 
@@ -155,7 +157,7 @@ bool cImaging::GetIcon(PictureHandle oPicture, const std::string& sIconPath,
     // 1-bit transparency mask, both bottom-up.
     const HostBitmap* bmp = HostGetBitmap(PictureGetBitmap(oPicture));
     if (!bmp || bmp->nWidth < 1 || bmp->nHeight < 1 || bmp->nWidth > 256 || bmp->nHeight > 256 ||
-        sIconPath.empty()) {
+        NormaliseFilePath(sIconPath).empty()) {
         nStatus = InvalidParameter;
         return false;
     }
@@ -212,13 +214,10 @@ bool cImaging::GetIcon(PictureHandle oPicture, const std::string& sIconPath,
         }
     }
     out.insert(out.end(), mask.begin(), mask.end());
-    std::ofstream file(sIconPath, std::ios::binary | std::ios::trunc);
-    if (!file) {
-        nStatus = CanNotCreateFile;
-        return false;
-    }
-    file.write(reinterpret_cast<const char*>(out.data()), static_cast<std::streamsize>(out.size()));
-    nStatus = file.good() ? OK : CanNotCreateFile;
+    // The icon replaces a file at the path only once written whole.
+    nStatus = WriteBytesSafely(NormaliseFilePath(sIconPath), out.data(), out.size())
+                  ? OK
+                  : CanNotCreateFile;
     return nStatus == OK;
 }
 

@@ -141,14 +141,14 @@ KestrelynStatus cImaging::TiffSwapPages(std::int32_t nImageID, std::int32_t nPag
 KestrelynStatus cImaging::TiffSaveMultiPageToFile(std::int32_t nImageID,
                                                   const std::string& sFilePath,
                                                   TifCompression nModeCompression) {
-    nStatus = SaveTiffPages(nImageID, sFilePath, nModeCompression);
+    nStatus = SaveTiffPages(nImageID, NormaliseFilePath(sFilePath), nModeCompression);
     return nStatus;
 }
 
 KestrelynStatus cImaging::TiffSaveAsNativeMultiPage(const std::string& sFilePath,
                                                     TifCompression nModeCompression) {
     if (nNativeImage == 0) return nStatus = GenericError;
-    nStatus = BeginMultiPageTiff(nNativeImage, sFilePath, nModeCompression);
+    nStatus = BeginMultiPageTiff(nNativeImage, NormaliseFilePath(sFilePath), nModeCompression);
     if (nStatus == OK) nNativeMultiPage = nNativeImage;
     return nStatus;
 }
@@ -177,7 +177,7 @@ KestrelynStatus cImaging::TiffMerge2Files(const std::string& sFilePath1,
 KestrelynStatus cImaging::TiffMergeFiles(const std::vector<std::string>& sFilesPath,
                                          const std::string& sFileDest,
                                          TifCompression nModeCompression) {
-    nStatus = MergeFilesAsTiff(sFilesPath, sFileDest, nModeCompression);
+    nStatus = MergeFilesAsTiff(sFilesPath, NormaliseFilePath(sFileDest), nModeCompression);
     return nStatus;
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <memory>
 
+#include "core/ImageLoader.h"
 #include "core/modMain.h"
 #include "imaging/PdfImageSource.h"
 #include "imaging/cImaging.h"
@@ -62,7 +63,7 @@ KestrelynStatus CreateFromMultiPage(cImaging& self, std::int32_t nImageID,
     const std::int32_t nPages = pRecord->nPageCount;
 
     std::unique_ptr<cPDF> oPdf = MakeWriter(self, bPdfA);
-    if (!oPdf->NewPdf(sFilePath, oInfo)) return CanNotCreateFile;
+    if (!oPdf->NewPdf(NormaliseFilePath(sFilePath), oInfo)) return CanNotCreateFile;
     oPdf->CompressData(true);
     KestrelynStatus nResult = OK;
     for (std::int32_t nPage = 0; nPage < nPages; ++nPage) {
@@ -79,6 +80,8 @@ KestrelynStatus CreateFromMultiPage(cImaging& self, std::int32_t nImageID,
         oPdf->EndPage();
     }
     oPdf->ClosePdfFile();
+    // A document whose writing failed was not put in place.
+    if (nResult == OK && oPdf->WriteFailed()) nResult = CanNotCreateFile;
     return nResult;
 }
 
@@ -110,7 +113,7 @@ bool SaveNativeImageAsPdf(cImaging& self, const std::string& sFilePath,
     std::unique_ptr<cPDF> oPdf = MakeWriter(self, bPdfA);
     oPdf->PaperHeight(nHeight);
     oPdf->PaperWidth(nWidth);
-    if (!oPdf->NewPdf(sFilePath, oInfo)) {
+    if (!oPdf->NewPdf(NormaliseFilePath(sFilePath), oInfo)) {
         self.nStatus = CanNotCreateFile;
         return false;
     }
@@ -121,8 +124,10 @@ bool SaveNativeImageAsPdf(cImaging& self, const std::string& sFilePath,
         oPdf->EndPage();
     }
     oPdf->ClosePdfFile();
-    self.nStatus = nImage > 0 ? OK : PdfErrorAddingImage;
-    return nImage > 0;
+    self.nStatus = nImage <= 0           ? PdfErrorAddingImage
+                   : oPdf->WriteFailed() ? CanNotCreateFile // the file was not put in place
+                                         : OK;
+    return self.nStatus == OK;
 }
 
 const std::string kEmpty;
@@ -328,8 +333,9 @@ bool cImaging::PdfNewPdfEx(const std::string& sFilePath, const std::string& sTit
     nPdfLastFillColor = 0;
     nPdfLastStrokeColor = 0;
     nPdfLastLineWidth = 0;
-    if (!oPdf->NewPdf(sFilePath, MakeInfo(sTitle, sAuthor, sSubject, sKeywords, sCreator,
-                                          nEncryption, nRights, sUserPassword, sOwnerPassword))) {
+    if (!oPdf->NewPdf(NormaliseFilePath(sFilePath),
+                      MakeInfo(sTitle, sAuthor, sSubject, sKeywords, sCreator, nEncryption, nRights,
+                               sUserPassword, sOwnerPassword))) {
         oPdf.reset();
         nStatus = CanNotCreateFile;
         return false;
@@ -347,6 +353,9 @@ bool cImaging::PdfSetMetadata(const std::string& sXMP) {
 bool cImaging::PdfSavePdf() {
     if (!IsOpen(*this)) return false;
     oPdf->ClosePdfFile();
+    // The answer tells only whether a document was open; a document whose
+    // writing failed is not put in place and the status tells it.
+    if (oPdf->WriteFailed()) nStatus = CanNotCreateFile;
     oPdf.reset();
     return true;
 }

@@ -40,15 +40,26 @@ KestrelynStatus CopyThroughLock(cImaging& self, void* pBuffer, std::int32_t nStr
 }
 
 // The common frame of the array forms: no native image gives 1, an empty
-// rectangle 2; a failure inside is the copy's status (the operation guard
+// rectangle or one outside the image 2; a failure inside is the copy's status (the operation guard
 // turns anything thrown into 1, or 3 when memory ran out).
 template <typename Fn>
-KestrelynStatus ArrayOperation(cImaging& self, std::int32_t nWidth, std::int32_t nHeight, Fn&& fn) {
+KestrelynStatus ArrayOperation(cImaging& self, std::int32_t nLeft, std::int32_t nTop,
+                               std::int32_t nWidth, std::int32_t nHeight, Fn&& fn) {
     if (self.nNativeImage == 0) {
         self.nStatus = GenericError;
         return self.nStatus;
     }
     if (nWidth < 1 || nHeight < 1) {
+        self.nStatus = InvalidParameter;
+        return self.nStatus;
+    }
+    // The rectangle is checked against the image before the caller's array
+    // grows to it: a rectangle the lock would refuse costs no memory.
+    UINT w = 0, h = 0;
+    GpImage* img = ResolveGdiPlusImage(self.nNativeImage);
+    if (img && GdipGetImageWidth(img, &w) == OK && GdipGetImageHeight(img, &h) == OK &&
+        (nLeft < 0 || nTop < 0 || std::int64_t{nLeft} + nWidth > std::int64_t{w} ||
+         std::int64_t{nTop} + nHeight > std::int64_t{h})) {
         self.nStatus = InvalidParameter;
         return self.nStatus;
     }
@@ -69,7 +80,7 @@ std::size_t Area(std::int32_t w, std::int32_t h) {
 KestrelynStatus Array2DCopy(cImaging& self, PixelArray2D& arPixels, std::int32_t nLeft,
                             std::int32_t nTop, std::int32_t nWidth, std::int32_t nHeight,
                             bool bSet) {
-    return ArrayOperation(self, nWidth, nHeight, [&] {
+    return ArrayOperation(self, nLeft, nTop, nWidth, nHeight, [&] {
         if (arPixels.nColumns < nWidth || arPixels.nRows < nHeight)
             arPixels.Reshape(nWidth, nHeight);
         return CopyThroughLock(self, arPixels.arData.data(), 4 * arPixels.nColumns,
@@ -81,7 +92,7 @@ KestrelynStatus Array2DCopy(cImaging& self, PixelArray2D& arPixels, std::int32_t
 KestrelynStatus ArgbArrayCopy(cImaging& self, std::vector<std::int32_t>& arPixels,
                               std::int32_t nLeft, std::int32_t nTop, std::int32_t nWidth,
                               std::int32_t nHeight, bool bSet) {
-    return ArrayOperation(self, nWidth, nHeight, [&] {
+    return ArrayOperation(self, nLeft, nTop, nWidth, nHeight, [&] {
         GrowTo(arPixels, Area(nWidth, nHeight));
         return CopyThroughLock(self, arPixels.data(), 4 * nWidth, PixelFormat32bppARGB, nLeft, nTop,
                                nWidth, nHeight, bSet);
@@ -94,7 +105,7 @@ KestrelynStatus ArgbArrayCopy(cImaging& self, std::vector<std::int32_t>& arPixel
 KestrelynStatus ByteArrayCopy(cImaging& self, std::vector<std::uint8_t>& arBytes,
                               PixelFormat nFormat, std::int32_t nLeft, std::int32_t nTop,
                               std::int32_t nWidth, std::int32_t nHeight, bool bSet) {
-    return ArrayOperation(self, nWidth, nHeight, [&]() -> KestrelynStatus {
+    return ArrayOperation(self, nLeft, nTop, nWidth, nHeight, [&]() -> KestrelynStatus {
         if (nFormat == PixelFormat8bppIndexed) {
             PixelFormat fmt = 0;
             GdipGetImagePixelFormat(ResolveGdiPlusImage(self.nNativeImage), &fmt);
@@ -665,11 +676,9 @@ KestrelynStatus cImaging::ClearImage(std::int32_t nColorARGB) {
         nStatus = GenericError;
         return nStatus;
     }
-    GpGraphics* g = nullptr;
-    nStatus = kestrelyn::GetGraphics(nNativeImage, g);
-    if (nStatus != OK) return nStatus;
-    nStatus = GdipGraphicsClear(g, static_cast<ARGB>(nColorARGB));
-    GdipDeleteGraphics(g);
+    // In the image's own format: no 32-bit copy of the image.
+    nStatus = GdipBitmapFillColor(ResolveGdiPlusImage(nNativeImage), static_cast<ARGB>(nColorARGB));
+    if (nStatus == OK) MarkImageModified(nNativeImage);
     return nStatus;
 }
 

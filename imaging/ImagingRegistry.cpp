@@ -72,12 +72,10 @@ std::int32_t cImaging::CreateNewImage(std::int32_t nWidth, std::int32_t nHeight,
     nNativeImage = id;
     // A fresh buffer is zero, which is already opaque black's place for the
     // formats below 32 bits; clear only when that would differ. The engine
-    // draws on every format, palettes included.
+    // fills every format in place, palettes included (nearest entry).
     if (static_cast<ARGB>(nBackColor) != 0xFF000000u || nBitDepth >= 32) {
-        if (GpGraphics* g = GetGraphics(id)) {
-            GdipGraphicsClear(g, static_cast<ARGB>(nBackColor));
-            GdipDeleteGraphics(g);
-        }
+        if (GdipBitmapFillColor(ResolveGdiPlusImage(id), static_cast<ARGB>(nBackColor)) == OK)
+            MarkImageModified(id);
     }
     nStatus = OK;
     return id;

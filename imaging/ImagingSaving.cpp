@@ -53,32 +53,33 @@ bool NoNativeImage(cImaging& self) {
 
 KestrelynStatus cImaging::SaveAsBmp(const std::string& sFilePath) {
     if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveByEngine(nNativeImage, sFilePath, "*.bmp");
+    nStatus = SaveByEngine(nNativeImage, NormaliseFilePath(sFilePath), "*.bmp");
     return nStatus;
 }
 
 KestrelynStatus cImaging::SaveAsGIF(const std::string& sFilePath) {
     if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveByEngine(nNativeImage, sFilePath, "*.gif");
+    nStatus = SaveByEngine(nNativeImage, NormaliseFilePath(sFilePath), "*.gif");
     return nStatus;
 }
 
 KestrelynStatus cImaging::SaveAsPNG(const std::string& sFilePath) {
     if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveByEngine(nNativeImage, sFilePath, "*.png");
+    nStatus = SaveByEngine(nNativeImage, NormaliseFilePath(sFilePath), "*.png");
     return nStatus;
 }
 
 KestrelynStatus cImaging::SaveAsJPEG(const std::string& sFilePath, std::int32_t nQuality) {
     if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveAsJpegFile(nNativeImage, sFilePath, nQuality, bDisableKyimgplugCodecs);
+    nStatus = SaveAsJpegFile(nNativeImage, NormaliseFilePath(sFilePath), nQuality,
+                             bDisableKyimgplugCodecs);
     return nStatus;
 }
 
 KestrelynStatus cImaging::SaveAsTIFF(const std::string& sFilePath,
                                      TifCompression nModeCompression) {
     if (NoNativeImage(*this)) return nStatus;
-    nStatus = SaveAsTiffFile(nNativeImage, sFilePath, nModeCompression, 0);
+    nStatus = SaveAsTiffFile(nNativeImage, NormaliseFilePath(sFilePath), nModeCompression, 0);
     return nStatus;
 }
 
@@ -141,8 +142,9 @@ std::string cImaging::SaveAsString(const std::string& sImageFormat,
 
 KestrelynStatus cImaging::TransformJPEG(const std::string& sInputFile, std::string& sOutputFile,
                                         JPEGTransformations nTransformation) {
+    const std::string sInput = NormaliseFilePath(sInputFile);
     std::int32_t id = 0;
-    nStatus = LoadByEngine(sInputFile, id, LoadOptions{});
+    nStatus = LoadByEngine(sInput, id, LoadOptions{});
     if (nStatus != OK) return nStatus;
     GUID clsid{};
     if (!FindEncoderClsid("*.jpg", clsid)) {
@@ -150,8 +152,8 @@ KestrelynStatus cImaging::TransformJPEG(const std::string& sInputFile, std::stri
     } else {
         EncoderParamList params;
         params.Add(EncoderTransformation, static_cast<std::uint32_t>(nTransformation));
-        nStatus = GdipTransformJpegFile(ResolveGdiPlusImage(id), sInputFile, sOutputFile, &clsid,
-                                        params.Get());
+        nStatus = GdipTransformJpegFile(ResolveGdiPlusImage(id), sInput,
+                                        NormaliseFilePath(sOutputFile), &clsid, params.Get());
     }
     ReleaseImage(id);
     return nStatus;
@@ -162,28 +164,30 @@ KestrelynStatus cImaging::TransformJPEG(const std::string& sInputFile, std::stri
 
 KestrelynStatus cImaging::SaveAsJ2K(const std::string& sFilePath, std::int32_t nRate) {
     if (nNativeImage == 0) return nStatus = GenericError;
-    nStatus = SaveByPlugin(nNativeImage, sFilePath, PluginFormatJ2K, AcceptJpeg2000, nRate);
+    nStatus = SaveByPlugin(nNativeImage, NormaliseFilePath(sFilePath), PluginFormatJ2K,
+                           AcceptJpeg2000, nRate);
     return nStatus;
 }
 
 KestrelynStatus cImaging::SaveAsJP2(const std::string& sFilePath, std::int32_t nRate) {
     if (nNativeImage == 0) return nStatus = GenericError;
-    nStatus = SaveByPlugin(nNativeImage, sFilePath, PluginFormatJP2, AcceptJpeg2000, nRate);
+    nStatus = SaveByPlugin(nNativeImage, NormaliseFilePath(sFilePath), PluginFormatJP2,
+                           AcceptJpeg2000, nRate);
     return nStatus;
 }
 
 KestrelynStatus cImaging::SaveAsEXR(const std::string& sFilePath, ExrCompression nCompression) {
     if (nNativeImage == 0) return nStatus = GenericError;
     nStatus = SaveByPlugin(
-        nNativeImage, sFilePath, PluginFormatEXR, [](PixelFormat, std::int32_t) { return true; },
-        nCompression, true);
+        nNativeImage, NormaliseFilePath(sFilePath), PluginFormatEXR,
+        [](PixelFormat, std::int32_t) { return true; }, nCompression, true);
     return nStatus;
 }
 
 KestrelynStatus cImaging::SaveAsTGA(const std::string& sFilePath) {
     if (nNativeImage == 0) return nStatus = GenericError;
     nStatus = SaveByPlugin(
-        nNativeImage, sFilePath, PluginFormatTARGA,
+        nNativeImage, NormaliseFilePath(sFilePath), PluginFormatTARGA,
         [](PixelFormat, std::int32_t d) { return d == 32 || d == 8; }, 0);
     return nStatus;
 }
@@ -191,7 +195,7 @@ KestrelynStatus cImaging::SaveAsTGA(const std::string& sFilePath) {
 KestrelynStatus cImaging::SaveAsPBM(const std::string& sFilePath) {
     if (nNativeImage == 0) return nStatus = GenericError;
     nStatus = SaveByPlugin(
-        nNativeImage, sFilePath, PluginFormatPBM,
+        nNativeImage, NormaliseFilePath(sFilePath), PluginFormatPBM,
         [](PixelFormat f, std::int32_t) {
             return f == PixelFormat8bppIndexed || f == PixelFormat24bppRGB ||
                    f == PixelFormat1bppIndexed || f == PixelFormat32bppRGB;
@@ -203,7 +207,7 @@ KestrelynStatus cImaging::SaveAsPBM(const std::string& sFilePath) {
 KestrelynStatus cImaging::SaveAsWBMP(const std::string& sFilePath) {
     if (nNativeImage == 0) return nStatus = GenericError;
     nStatus = SaveByPlugin(
-        nNativeImage, sFilePath, PluginFormatWBMP,
+        nNativeImage, NormaliseFilePath(sFilePath), PluginFormatWBMP,
         [](PixelFormat, std::int32_t d) { return d == 1; }, 0);
     return nStatus;
 }
@@ -211,7 +215,7 @@ KestrelynStatus cImaging::SaveAsWBMP(const std::string& sFilePath) {
 KestrelynStatus cImaging::SaveAsXPM(const std::string& sFilePath) {
     if (nNativeImage == 0) return nStatus = GenericError;
     nStatus = SaveByPlugin(
-        nNativeImage, sFilePath, PluginFormatXPM,
+        nNativeImage, NormaliseFilePath(sFilePath), PluginFormatXPM,
         [](PixelFormat, std::int32_t d) { return d == 24 || d == 8; }, 0);
     return nStatus;
 }
@@ -219,7 +223,7 @@ KestrelynStatus cImaging::SaveAsXPM(const std::string& sFilePath) {
 KestrelynStatus cImaging::SaveAsTIFFjpg(const std::string& sFilePath) {
     if (nNativeImage == 0) return nStatus = GenericError;
     nStatus = SaveByPlugin(
-        nNativeImage, sFilePath, PluginFormatTIFF,
+        nNativeImage, NormaliseFilePath(sFilePath), PluginFormatTIFF,
         [](PixelFormat, std::int32_t d) { return d == 24 || d == 8; }, KyimgplugTiffJpeg);
     return nStatus;
 }
@@ -259,14 +263,16 @@ KestrelynStatus cImaging::SaveAsICO(const std::string& sFilePath, bool bTranspar
         std::intptr_t bitmap = 0;
         nStatus = ImageToPluginBitmap(bitmap, copy);
         if (nStatus == OK && bitmap != 0) {
-            nStatus = SavePluginFile(PluginFormatICO, bitmap, sFilePath, 0) ? OK : GenericError;
+            nStatus = SavePluginFile(PluginFormatICO, bitmap, NormaliseFilePath(sFilePath), 0)
+                          ? OK
+                          : GenericError;
             KYIMGPLUG_Unload(bitmap);
         }
     } else {
         // The host picture route: the icon writer keys out the colour itself.
         const PictureHandle picture = GetPictureFromKestrelynImage(copy);
         if (picture) {
-            GetIcon(picture, sFilePath, bTransparentColor, nTransparentColor);
+            GetIcon(picture, NormaliseFilePath(sFilePath), bTransparentColor, nTransparentColor);
             PictureRelease(picture);
         }
     }

@@ -10,6 +10,7 @@
 #include "core/ImageSaver.h"
 #include "core/modMain.h"
 #include "platform/Files.h"
+#include "platform/SafeFile.h"
 
 namespace kestrelyn {
 
@@ -157,9 +158,13 @@ KestrelynStatus SaveTiffPages(std::int32_t nImageID, const std::string& sFilePat
     return WritePageFilesAsTiff(files, sFilePath, nCompression);
 }
 
-// The first page starts the file, each further one is added.
+// The first page starts the file, each further one is added. The pages go
+// to a file beside the target, which replaces it only when every page was
+// written.
 KestrelynStatus WritePageFilesAsTiff(const std::vector<std::string>& arFiles,
                                      const std::string& sFilePath, std::int32_t nCompression) {
+    SafeFile output;
+    if (!output.Begin(sFilePath)) return Win32Error;
     KestrelynStatus status = OK;
     std::int32_t master = 0;
     for (const std::string& sFile : arFiles) {
@@ -169,7 +174,7 @@ KestrelynStatus WritePageFilesAsTiff(const std::vector<std::string>& arFiles,
         if (status != OK) break;
         if (master == 0) {
             master = page;
-            status = BeginMultiPageTiff(master, sFilePath, nCompression);
+            status = BeginMultiPageTiff(master, output.TempPath(), nCompression);
         } else {
             status = AddMultiPageTiff(master, page);
             ReleaseImage(page);
@@ -181,7 +186,8 @@ KestrelynStatus WritePageFilesAsTiff(const std::vector<std::string>& arFiles,
         if (status == OK) status = finished;
         ReleaseImage(master);
     }
-    if (status != OK) RemoveFileQuietly(sFilePath);
+    // No page at all writes nothing.
+    if (status == OK && master != 0 && !output.Commit()) status = Win32Error;
     return status;
 }
 
@@ -193,7 +199,7 @@ KestrelynStatus MergeFilesAsTiff(const std::vector<std::string>& arFiles,
     if (arFiles.empty()) return FileNotFound;
     std::vector<std::string> paths;
     for (const std::string& s : arFiles) {
-        const std::string p = NormaliseLoadPath(s);
+        const std::string p = NormaliseFilePath(s);
         if (!IsRegularFile(p)) return FileNotFound;
         paths.push_back(p);
     }

@@ -33,7 +33,7 @@ KestrelynStatus SaveTiffPages(std::int32_t nImageID, const std::string& sFilePat
                               std::int32_t nCompression);
 
 // Writes the page files, in order, as one multi-page TIFF (empty names are
-// skipped); on a failure the TIFF is removed.
+// skipped); on a failure the target is left as it was.
 KestrelynStatus WritePageFilesAsTiff(const std::vector<std::string>& arFiles,
                                      const std::string& sFilePath, std::int32_t nCompression);
 // Merges files, in order, into one multi-page TIFF: every page of a document,

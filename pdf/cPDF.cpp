@@ -63,8 +63,8 @@ std::string GuidOf(const std::string& sId) {
 
 cPDF::cPDF() = default;
 
-// Dropping the writer drops the output as it stands; completing a document is
-// ClosePdfFile's work.
+// Dropping the writer drops the output: a document written to a path is
+// never put in place unfinished; completing a document is ClosePdfFile's work.
 cPDF::~cPDF() = default;
 
 void cPDF::PaperWidth(float nValue) {
@@ -261,11 +261,11 @@ bool cPDF::OpenDocument(StreamPtr oNewStream, const std::string& sNewPath,
     }
 
     try {
-        if (!oNewStream) {
-            std::error_code oError;
-            if (!sPath.empty() && std::filesystem::exists(sPath, oError))
-                std::filesystem::remove(sPath, oError);
-            if (!sPath.empty()) oNewStream = CreateFileStream(sPath, true);
+        if (!oNewStream && !sPath.empty()) {
+            // The document is written beside its target and replaces it at
+            // ClosePdfFile, only when every write succeeded.
+            pOutput = std::make_unique<SafeFile>();
+            if (pOutput->Begin(sPath)) oNewStream = CreateFileStream(pOutput->TempPath(), true);
         }
         if (!oNewStream) {
             ClosePdfFile();
@@ -481,6 +481,7 @@ void cPDF::EndPage() {
 
 void cPDF::ClosePdfFile() {
     if (!oStream) {
+        pOutput.reset();
         hFile = 0;
         return;
     }
@@ -538,6 +539,10 @@ void cPDF::ClosePdfFile() {
     // shows here rather than going unseen when the stream is dropped.
     if (oStream->Seek(0, Stream::Current) < 0) bWriteFailed = true;
     oStream.reset();
+    if (pOutput) {
+        if (!bWriteFailed && !pOutput->Commit()) bWriteFailed = true;
+        pOutput.reset(); // a document that failed is removed, the target kept
+    }
     hFile = 0;
 }
 
@@ -711,8 +716,16 @@ void cPDF::Arc(float x, float y, float nRay, float nStartAngle, float nEndAngle,
     if (nStyle & 4) bPie = true;
     const double a = 3.141592 / 180.0;
     const double s = std::sin(-a * nRotation), c = std::cos(-a * nRotation);
-    if (nStep > 0) {
-        for (float t = nStartAngle; t <= nEndAngle; t += nStep) {
+    // A sweep past one turn only repeats the circle, so it stops after one;
+    // the points are counted, since a float angle stops advancing past 2^24
+    // and a tiny step would never end. A step too fine for kMaxArcPoints
+    // draws nothing, as a step of 0 does.
+    constexpr double kMaxArcPoints = 1 << 20;
+    const float nLastAngle = std::min(nEndAngle, nStartAngle + 360.0f);
+    const double nPoints = std::floor((double{nLastAngle} - nStartAngle) / nStep) + 2;
+    if (nStep > 0 && nPoints <= kMaxArcPoints) {
+        std::int64_t nLeft = static_cast<std::int64_t>(nPoints);
+        for (float t = nStartAngle; t <= nLastAngle && nLeft-- > 0; t += nStep) {
             const double px = nRay * std::cos(a * t);
             const double py = nRay * nRatio * std::sin(a * t);
             const double ux = c * px + s * py;

@@ -14,6 +14,7 @@
 #include "kestrelyn/PdfTypes.h"
 #include "kestrelyn/Types.h"
 #include "platform/FontService.h"
+#include "platform/SafeFile.h"
 
 namespace kestrelyn {
 
@@ -150,15 +151,19 @@ class cPDF {
     std::string PdfGetPath() const { return sPath; }
 
     // --- document life ---
-    // Starts a document in a new file at sPath (an existing file there is
-    // deleted first). False when the file cannot be made.
+    // Starts a document for a file at sPath: it is written beside the path
+    // and replaces what is there at ClosePdfFile when every write succeeded.
+    // False, with nothing touched, when the path is a folder, its folder is
+    // missing, an existing file there is write-protected or no file can be
+    // made.
     bool NewPdf(const std::string& sPath, const PdfDocumentInfo& oInfo);
     // Starts a document in a stream, from its present position; the offsets
     // of the file count from the stream's start. False for no stream.
     bool NewPdf(StreamPtr oStream, const PdfDocumentInfo& oInfo);
     void ClosePdfFile();
     // True once a write of the present (or last) document fell short: the
-    // output is then incomplete, whatever the other calls answered.
+    // output is then incomplete, whatever the other calls answered, and a
+    // document begun with a path was not put in place.
     bool WriteFailed() const { return bWriteFailed; }
     // Documents begun after this call take the identity's file ids and time
     // instead of random ids and the clock; the PDF/A identifiers are made
@@ -294,7 +299,8 @@ class cPDF {
     std::int32_t nOrientation = 0;
     std::int32_t hFile = 0;
     StreamPtr oStream;
-    std::int64_t nPosition = 0; // offset in the output of the next byte
+    std::unique_ptr<SafeFile> pOutput; // the file of a document begun with a path
+    std::int64_t nPosition = 0;        // offset in the output of the next byte
     bool bWriteFailed = false;
     std::optional<PdfFixedIdentity> oFixedIdentity;
     PdfImageSource* pImageSource = nullptr;

@@ -199,6 +199,10 @@ GpStatus GdipImageSelectActiveFrame(GpImage* image, const GUID* dimensionID, UIN
 GpStatus GdipGetImageGraphicsContext(GpImage* image, GpGraphics** graphics);
 GpStatus GdipDeleteGraphics(GpGraphics* graphics);
 GpStatus GdipGraphicsClear(GpGraphics* graphics, ARGB color);
+// Engine extension: fills a whole bitmap with one colour in its own pixel
+// format, the pixels a graphics clear gives, without a graphics context's
+// 32-bit copy. WrongState while the bitmap is locked.
+GpStatus GdipBitmapFillColor(GpImage* image, ARGB color);
 // A device context over the graphics' pixels (a cairo context on the image).
 GpStatus GdipGetDC(GpGraphics* graphics, HDC* hdc);
 GpStatus GdipReleaseDC(GpGraphics* graphics, HDC hdc);

@@ -155,6 +155,10 @@ KYP_EXPORT const char* KYIMGPLUG_GetVersionString() {
     return "1.0.0.0";
 }
 
+KYP_EXPORT void KYIMGPLUG_SetDecodePixelLimit(std::int64_t pixels) {
+    SetPixelLimit(pixels);
+}
+
 KYP_EXPORT int KYIMGPLUG_GetFileTypeU(const char* path, int) {
     KYP_TRY return path ? DetectByContent(path) : -1;
     KYP_CATCH(-1)

@@ -1,6 +1,9 @@
 #include "Bitmap.h"
 
+#include "platform/DecodeLimits.h"
+
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 
@@ -34,6 +37,18 @@ int BppOfType(int type, int bpp) {
 // sanitizer builds misreads; one word fits the static TLS kept for dlopen.
 __attribute__((tls_model("initial-exec"))) thread_local std::uint64_t g_inputBytes = 0;
 
+namespace {
+// The host sets it to its own process-wide limit (KYIMGPLUG_SetDecodePixelLimit).
+std::atomic<std::int64_t> g_pixelLimit{kestrelyn::DecodePixelLimitFromEnvironment()};
+} // namespace
+
+void SetPixelLimit(std::int64_t pixels) {
+    g_pixelLimit.store(pixels > 0 ? pixels : kestrelyn::DecodePixelLimitFromEnvironment());
+}
+std::int64_t PixelLimit() {
+    return g_pixelLimit.load();
+}
+
 InputBudget::InputBudget(std::uint64_t bytes) : saved_(g_inputBytes) {
     g_inputBytes = bytes;
 }
@@ -44,8 +59,7 @@ InputBudget::~InputBudget() {
 void CheckSize(int type, int width, int height, int bpp) {
     bpp = BppOfType(type, bpp);
     if (width <= 0 || height <= 0 || width > 65535 || height > 65535) throw DecodeError("bad size");
-    if (std::uint64_t(width) * std::uint64_t(height) > (std::uint64_t(1) << 28))
-        throw DecodeError("too large");
+    if (std::int64_t(width) * std::int64_t(height) > PixelLimit()) throw DecodeError("too large");
     if (type == kStandard && bpp != 1 && bpp != 4 && bpp != 8 && bpp != 16 && bpp != 24 &&
         bpp != 32)
         throw DecodeError("bad depth");

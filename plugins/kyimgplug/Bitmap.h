@@ -90,6 +90,10 @@ class InputBudget {
     std::uint64_t saved_;
 };
 
+// The most pixels a decoded bitmap may have (the host's decode pixel limit).
+void SetPixelLimit(std::int64_t pixels);
+std::int64_t PixelLimit();
+
 // Throws DecodeError for sizes that cannot be real (0, negative, too large).
 BitmapPtr NewBitmap(int type, int width, int height, int bpp);
 // The same checks without making the bitmap.

@@ -23,6 +23,7 @@ extern "C" {
 
 #include "Codecs.h"
 #include "MemTiff.h"
+#include "platform/linux/engine/codecs/GifRows.h"
 
 namespace kyplug {
 
@@ -266,10 +267,14 @@ BitmapPtr DecodeGIF(const std::string& path, int page, int* pageCount) {
             DGifCloseFile(g, &e);
         }
     } closer{gif};
-    if (DGifSlurp(gif) != GIF_OK && gif->ImageCount == 0) return nullptr;
+    const int W = std::max(gif->SWidth, 1), H = std::max(gif->SHeight, 1);
+    // The screen's size is checked before a row is read; frames keep the rows
+    // that arrived, clipped to the screen (rows a cut file lacks stay blank).
+    CheckSize(kStandard, W, H, 8);
+    const std::vector<kestrelyn::gifrows::FrameRows> frames = kestrelyn::gifrows::ReadFrames(gif);
+    if (gif->ImageCount == 0) return nullptr;
     if (pageCount) *pageCount = gif->ImageCount;
     if (page < 0 || page >= gif->ImageCount) return nullptr;
-    int W = gif->SWidth, H = gif->SHeight;
     int loop = -1;
     for (int i = 0; i + 1 < gif->SavedImages[0].ExtensionBlockCount; ++i) {
         const ExtensionBlock& e = gif->SavedImages[0].ExtensionBlocks[i];
@@ -287,8 +292,8 @@ BitmapPtr DecodeGIF(const std::string& path, int page, int* pageCount) {
     if (gif->ImageCount == 1) {
         const SavedImage& si = gif->SavedImages[0];
         ColorMapObject* cm = si.ImageDesc.ColorMap ? si.ImageDesc.ColorMap : gif->SColorMap;
-        if (!cm || !si.RasterBits) return nullptr;
-        auto bm = NewBitmap(kStandard, std::max(W, 1), std::max(H, 1), 8);
+        if (!cm) return nullptr;
+        auto bm = NewBitmap(kStandard, W, H, 8);
         bm->palette.assign(std::size_t(cm->ColorCount) * 4, 0);
         for (int i = 0; i < cm->ColorCount; ++i)
             bm->setColor(i, cm->Colors[i].Red, cm->Colors[i].Green, cm->Colors[i].Blue);
@@ -301,52 +306,50 @@ BitmapPtr DecodeGIF(const std::string& path, int page, int* pageCount) {
         }
         for (int y = 0; y < bm->height; ++y)
             std::memset(bm->row(y), bg, std::size_t(bm->width));
-        const GifImageDesc& id = si.ImageDesc;
-        for (int y = 0; y < id.Height; ++y)
-            for (int x = 0; x < id.Width; ++x) {
-                int X = id.Left + x, Y = id.Top + y;
-                if (X < 0 || Y < 0 || X >= bm->width || Y >= bm->height) continue;
-                int v = si.RasterBits[std::size_t(y) * id.Width + x];
+        const auto& f = frames[0];
+        for (int Y = f.y0; Y < f.y1; ++Y) {
+            const std::uint8_t* src = f.Row(Y);
+            if (!src) continue;
+            for (int X = f.x0; X < f.x1; ++X) {
+                int v = src[X - f.x0];
                 if (v == gcb.TransparentColor) continue;
                 bm->row(Y)[X] = std::uint8_t(v < cm->ColorCount ? v : 0);
             }
+        }
         bm->delayMs = gcb.DelayTime * 10;
         bm->loopCount = loop;
         return bm;
     }
-    auto bm = NewBitmap(kStandard, std::max(W, 1), std::max(H, 1), 32);
+    auto bm = NewBitmap(kStandard, W, H, 32);
     bm->alpha = true;
     std::vector<std::uint8_t> saved;
-    for (int f = 0; f <= page; ++f) {
-        const SavedImage& si = gif->SavedImages[f];
-        const GifImageDesc& id = si.ImageDesc;
-        ColorMapObject* cm = id.ColorMap ? id.ColorMap : gif->SColorMap;
-        GraphicsControlBlock gcb = frameGcb(f);
+    for (int fi = 0; fi <= page; ++fi) {
+        const SavedImage& si = gif->SavedImages[fi];
+        const auto& f = frames[std::size_t(fi)];
+        ColorMapObject* cm = si.ImageDesc.ColorMap ? si.ImageDesc.ColorMap : gif->SColorMap;
+        GraphicsControlBlock gcb = frameGcb(fi);
         if (gcb.DisposalMode == DISPOSE_PREVIOUS) saved = bm->bits;
-        if (cm && si.RasterBits)
-            for (int y = 0; y < id.Height; ++y)
-                for (int x = 0; x < id.Width; ++x) {
-                    int X = id.Left + x, Y = id.Top + y;
-                    if (X < 0 || Y < 0 || X >= bm->width || Y >= bm->height) continue;
-                    int v = si.RasterBits[std::size_t(y) * id.Width + x];
+        if (cm)
+            for (int Y = f.y0; Y < f.y1; ++Y) {
+                const std::uint8_t* src = f.Row(Y);
+                if (!src) continue;
+                for (int X = f.x0; X < f.x1; ++X) {
+                    int v = src[X - f.x0];
                     if (v == gcb.TransparentColor || v >= cm->ColorCount) continue;
                     std::uint8_t c[4] = {cm->Colors[v].Red, cm->Colors[v].Green, cm->Colors[v].Blue,
                                          255};
                     SetPixelRGBA(*bm, X, Y, c);
                 }
-        if (f == page) {
+            }
+        if (fi == page) {
             bm->delayMs = gcb.DelayTime * 10;
             bm->disposal = gcb.DisposalMode;
             bm->loopCount = loop;
             break;
         }
         if (gcb.DisposalMode == DISPOSE_BACKGROUND) {
-            for (int y = 0; y < id.Height; ++y)
-                for (int x = 0; x < id.Width; ++x) {
-                    int X = id.Left + x, Y = id.Top + y;
-                    if (X < 0 || Y < 0 || X >= bm->width || Y >= bm->height) continue;
-                    std::memset(bm->row(Y) + X * 4, 0, 4);
-                }
+            for (int Y = f.y0; Y < f.y1; ++Y)
+                std::memset(bm->row(Y) + std::size_t(f.x0) * 4, 0, std::size_t(f.x1 - f.x0) * 4);
         } else if (gcb.DisposalMode == DISPOSE_PREVIOUS && saved.size() == bm->bits.size()) {
             bm->bits = saved;
         }

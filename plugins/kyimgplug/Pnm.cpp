@@ -52,6 +52,14 @@ BitmapPtr DecodePNM(const Bytes& d) {
     if (maxv == 0 || maxv > 65535) throw DecodeError("maxval");
     bool ascii = kind <= 3;
     if (!ascii) r.u8(); // the single whitespace before the raster
+    // A binary raster must all be in the file: a shorter one is refused before
+    // the bitmap is made.
+    if (!ascii && w > 0 && h > 0) {
+        const std::size_t row = kind == 4   ? std::size_t(w + 7) / 8
+                                : kind == 5 ? std::size_t(w) * (maxv > 255 ? 2 : 1)
+                                            : std::size_t(w) * 3 * (maxv > 255 ? 2 : 1);
+        r.need(row * std::size_t(h));
+    }
     if (kind == 1 || kind == 4) {
         auto bm = NewBitmap(kStandard, w, h, 1);
         SetBW(*bm);

@@ -30,6 +30,10 @@ BitmapPtr DecodeTGA(const Bytes& d) {
         cmap.assign(c, c + std::size_t(cmLen) * eb);
     }
     int outBpp = base == 2 ? (bpp == 32 ? 32 : 24) : 8;
+    int pb = (bpp + 7) / 8;
+    // Uncompressed pixels must all be in the file: a shorter one is refused
+    // before the bitmap is made.
+    if (!rle) r.need(std::size_t(w) * std::size_t(h) * std::size_t(pb));
     auto bm = NewBitmap(kStandard, w, h, outBpp);
     bm->alpha = bpp == 32 && (desc & 15) != 0;
     if (bpp == 32 && !(desc & 15)) bm->alpha = true;
@@ -46,7 +50,6 @@ BitmapPtr DecodeTGA(const Bytes& d) {
             }
         }
     }
-    int pb = (bpp + 7) / 8;
     std::vector<std::uint8_t> px(std::size_t(w) * h * pb);
     std::size_t i = 0;
     while (i < px.size()) {

@@ -12,16 +12,16 @@ namespace kestrelyn::loadtest {
 namespace {
 
 TEST(LoadPath, NormalisationMirrorsTheSeparatorRules) {
-    EXPECT_EQ(NormaliseLoadPath("  /tmp//a\\\\b.png  "), "/tmp/a/b.png");
-    EXPECT_EQ(NormaliseLoadPath("\\\\server\\share\\x.tif"), "//server/share/x.tif");
-    EXPECT_EQ(NormaliseLoadPath("////server//share"), "//server/share");
-    EXPECT_EQ(NormaliseLoadPath("//server//share"), "//server/share");
+    EXPECT_EQ(NormaliseFilePath("  /tmp//a\\\\b.png  "), "/tmp/a/b.png");
+    EXPECT_EQ(NormaliseFilePath("\\\\server\\share\\x.tif"), "//server/share/x.tif");
+    EXPECT_EQ(NormaliseFilePath("////server//share"), "//server/share");
+    EXPECT_EQ(NormaliseFilePath("//server//share"), "//server/share");
     // The first two characters are never touched (a network prefix lives there).
-    EXPECT_EQ(NormaliseLoadPath("/a//b///c"), "/a/b/c");
-    EXPECT_EQ(NormaliseLoadPath("a//b///c"), "a//b/c");
-    EXPECT_EQ(NormaliseLoadPath(" a\\\\ "), "a//"); // three characters: only trimmed and slashed
-    EXPECT_EQ(NormaliseLoadPath("//"), "//");
-    EXPECT_EQ(NormaliseLoadPath("   "), "");
+    EXPECT_EQ(NormaliseFilePath("/a//b///c"), "/a/b/c");
+    EXPECT_EQ(NormaliseFilePath("a//b///c"), "a//b/c");
+    EXPECT_EQ(NormaliseFilePath(" a\\\\ "), "a//"); // three characters: only trimmed and slashed
+    EXPECT_EQ(NormaliseFilePath("//"), "//");
+    EXPECT_EQ(NormaliseFilePath("   "), "");
 }
 
 class LoadSources : public LoadFixture {};
@@ -148,8 +148,16 @@ TEST_F(LoadSources, ByteArrayLivesInATemporaryFileAsLongAsTheImage) {
     EXPECT_FALSE(Exists(temp));
     EXPECT_EQ(TempFiles(), 0);
 
+    // No bytes: the status of an empty file, which no decoder takes.
     EXPECT_EQ(img->CreateImageFromByteArray({}), 0);
-    EXPECT_EQ(img->GetStat(), ProfileNotFound);
+    EXPECT_EQ(img->GetStat(), UnknownImageFormat);
+    EXPECT_EQ(TempFiles(), 0);
+    const std::string empty = Path("empty.png");
+    WriteBytes(empty, {});
+    EXPECT_EQ(img->CreateImageFromFile(empty), 0);
+    EXPECT_EQ(img->GetStat(), UnknownImageFormat);
+    EXPECT_EQ(img->CreateImageFromByteArrayICM({}), 0);
+    EXPECT_EQ(img->GetStat(), UnknownImageFormat);
     EXPECT_EQ(TempFiles(), 0);
 }
 

@@ -1,5 +1,9 @@
 // The registry: slots, ids, release, replacement, multi-page heads, threads
 // and temporary files.
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <latch>
 #include <set>
 #include <thread>
 
@@ -123,7 +127,7 @@ FakeMultiPage MakeFakeMultiPage() {
     FakeMultiPage m;
     m.file0 = MakeTempFileName();
     WriteFile(m.file0, "page 0");
-    m.file1 = MakeTempFileName() + "b";
+    m.file1 = MakeTempFileName();
     WriteFile(m.file1, "page 1");
     m.page = RegisterNewBitmap(3, 3);
     RegisterImage(m.head, nullptr, "TIFF", "", KindEngine);
@@ -271,23 +275,90 @@ TEST(RegistryLifetime, TempFilesGoWhenTheLastObjectOfTheThreadEnds) {
     EXPECT_FALSE(FileExists(sTemp));
 }
 
-TEST(TempNames, UseEnvironmentDirectoryAndDecimalNames) {
-    const std::string dir = ::testing::TempDir() + "kytmp_env";
-    ::mkdir(dir.c_str(), 0700);
-    const char* oldTmp = std::getenv("tmp");
-    const std::string saved = oldTmp ? oldTmp : "";
-    ::setenv("tmp", (" " + dir + " ").c_str(), 1);
+// Points "tmp" at a folder of its own for the life of the object.
+class TempDirectory {
+  public:
+    explicit TempDirectory(const std::string& sLeaf) : sDir(::testing::TempDir() + sLeaf) {
+        std::filesystem::remove_all(sDir);
+        std::filesystem::create_directories(sDir);
+        const char* old = std::getenv("tmp");
+        bHadOld = old != nullptr;
+        if (old) sOld = old;
+        ::setenv("tmp", (" " + sDir + " ").c_str(), 1);
+    }
+    ~TempDirectory() {
+        if (bHadOld)
+            ::setenv("tmp", sOld.c_str(), 1);
+        else
+            ::unsetenv("tmp");
+        std::filesystem::remove_all(sDir);
+    }
+    const std::string& Dir() const { return sDir; }
+    std::size_t Entries() const {
+        std::size_t n = 0;
+        for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(sDir))
+            ++n;
+        return n;
+    }
+
+  private:
+    std::string sDir, sOld;
+    bool bHadOld = false;
+};
+
+bool IsEmptyFile(const std::string& sPath) {
+    std::error_code ec;
+    return std::filesystem::is_regular_file(sPath, ec) &&
+           std::filesystem::file_size(sPath, ec) == 0;
+}
+
+TEST(TempNames, UseEnvironmentDirectoryPrefixAndDecimalNames) {
+    TempDirectory tmp("kytmp_env");
     const std::string name = MakeTempFileName();
-    if (oldTmp)
-        ::setenv("tmp", saved.c_str(), 1);
-    else
-        ::unsetenv("tmp");
-    ASSERT_EQ(name.rfind(dir + "/", 0), 0u) << name;
-    const std::string leaf = name.substr(dir.size() + 1);
-    ASSERT_FALSE(leaf.empty());
-    EXPECT_EQ(leaf.find_first_not_of("0123456789"), std::string::npos) << leaf;
-    EXPECT_FALSE(FileExists(name));
-    ::rmdir(dir.c_str());
+    ASSERT_EQ(name.rfind(tmp.Dir() + "/", 0), 0u) << name;
+    const std::string leaf = name.substr(tmp.Dir().size() + 1);
+    ASSERT_EQ(leaf.rfind(kTempFilePrefix, 0), 0u) << leaf;
+    const std::string digits = leaf.substr(std::string(kTempFilePrefix).size());
+    ASSERT_FALSE(digits.empty());
+    EXPECT_EQ(digits.find_first_not_of("0123456789"), std::string::npos) << leaf;
+    // The name is taken by making the file, empty and private to the user.
+    EXPECT_TRUE(IsEmptyFile(name));
+    struct stat st {};
+    ASSERT_EQ(::stat(name.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(tmp.Entries(), 1u);
+}
+
+TEST(TempNames, ANameIsNeverGivenTwiceEvenToTwoThreadsAtOnce) {
+    TempDirectory tmp("kytmp_threads");
+    constexpr int kPerThread = 3000;
+    std::vector<std::string> a, b;
+    std::latch start(2);
+    auto work = [&](std::vector<std::string>& out) {
+        start.arrive_and_wait();
+        for (int i = 0; i < kPerThread; ++i) {
+            std::string name = MakeTempFileName();
+            // Checked at once: the other thread is still making names.
+            if (!IsEmptyFile(name)) name = "not made: " + name;
+            out.push_back(std::move(name));
+        }
+    };
+    std::thread t1(work, std::ref(a)), t2(work, std::ref(b));
+    t1.join();
+    t2.join();
+    std::set<std::string> all(a.begin(), a.end());
+    all.insert(b.begin(), b.end());
+    EXPECT_EQ(all.size(), 2u * kPerThread); // no name twice
+    for (const std::string& name : all)
+        EXPECT_EQ(name.rfind(tmp.Dir() + "/" + kTempFilePrefix, 0), 0u) << name;
+    EXPECT_EQ(tmp.Entries(), 2u * kPerThread); // every name is a file of its own
+}
+
+TEST(TempNames, NoFolderGivesNoName) {
+    TempDirectory tmp("kytmp_gone");
+    std::filesystem::remove_all(tmp.Dir());
+    EXPECT_EQ(MakeTempFileName(), "");
+    EXPECT_FALSE(std::filesystem::exists(tmp.Dir()));
 }
 
 } // namespace

@@ -350,6 +350,7 @@ TEST(Host, MemoryAndFileStreams) {
     EXPECT_EQ(mem->Stat(), 2);
 
     const std::string path = MakeTempFileName();
+    std::remove(path.c_str()); // a name with no file behind it
     EXPECT_EQ(CreateFileStream(path, false), nullptr);
     {
         StreamPtr out = CreateFileStream(path, true);

@@ -171,6 +171,40 @@ GpStatus GdipGraphicsClear(GpGraphics* graphics, ARGB color) {
     });
 }
 
+GpStatus GdipBitmapFillColor(GpImage* image, ARGB color) {
+    if (!image || !image->pixels) return InvalidParameter;
+    if (image->locked) return WrongState;
+    return Trap([&]() -> GpStatus {
+        GpStatus st = engine::EnsureWritable(*image);
+        if (st != OK) return st;
+        // The same conversion as a graphics clear (nearest palette entry for
+        // indexed formats), with no 32-bit copy of the image beside it: the
+        // first row is converted and its whole bytes copied to the others.
+        const INT w = image->width, h = image->height;
+        if (w < 1 || h < 1) return OK;
+        std::vector<std::uint32_t> row(static_cast<std::size_t>(w), color);
+        engine::PixelView src;
+        src.scan0 = reinterpret_cast<std::uint8_t*>(row.data());
+        src.stride = 0; // the same row for every line
+        src.format = PixelFormat32bppARGB;
+        const engine::PixelView whole = engine::ViewOf(*image);
+        st = engine::ConvertPixels(src, whole, w, 1);
+        if (st != OK || h == 1) return st;
+        const INT bits = engine::FormatBits(image->format);
+        const std::size_t full = static_cast<std::size_t>(w) * bits / 8;
+        for (INT y = 1; y < h; ++y)
+            std::memcpy(image->Row(y), image->Row(0), full);
+        // Pixels sharing a byte with the row's padding are set one by one, so
+        // that the padding bits stay as they were.
+        const INT done = static_cast<INT>(full * 8 / bits);
+        if (done == w) return OK;
+        engine::PixelView tail = whole;
+        tail.scan0 = image->Row(1);
+        tail.x0 = done;
+        return engine::ConvertPixels(src, tail, w - done, h - 1);
+    });
+}
+
 GpStatus GdipGetDC(GpGraphics* graphics, HDC* hdc) {
     if (!graphics || !hdc) return InvalidParameter;
     if (graphics->hdc) return ObjectBusy;

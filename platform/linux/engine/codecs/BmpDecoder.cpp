@@ -200,16 +200,12 @@ GpStatus BuildDib(const DibInfo& info, const std::uint8_t* bits, std::size_t ava
         }
     }
     std::int64_t rowBytes = (w * info.bpp + 31) / 32 * 4;
-    if (info.compression == 1 || info.compression == 2) {
-        if (static_cast<std::uint64_t>(w) * static_cast<std::uint64_t>(h) >
-            static_cast<std::uint64_t>(kMaxPixelBytes))
-            return OutOfMemory;
-    } else if (static_cast<std::uint64_t>(rowBytes) * static_cast<std::uint64_t>(h) > avail) {
-        return static_cast<std::uint64_t>(rowBytes) * static_cast<std::uint64_t>(h) >
-                       static_cast<std::uint64_t>(kMaxPixelBytes)
-                   ? OutOfMemory
-                   : UnknownImageFormat;
-    }
+    // Uncompressed rows must all be in the file: a shorter file is refused
+    // before the bitmap is made.
+    if (!DecodeSizeAllowed(w, h)) return OutOfMemory;
+    if (info.compression != 1 && info.compression != 2 &&
+        static_cast<std::uint64_t>(rowBytes) * static_cast<std::uint64_t>(h) > avail)
+        return UnknownImageFormat;
     GpImage* raw = nullptr;
     GpStatus st = NewBitmap(w, h, fmt, &raw);
     if (st != OK) return st;

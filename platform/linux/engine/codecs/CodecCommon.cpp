@@ -11,6 +11,8 @@
 #include <cstring>
 #include <map>
 
+#include "platform/DecodeLimits.h"
+
 namespace kestrelyn::codecs {
 
 GpStatus ReadFileBytes(const std::string& path, Bytes& out) {
@@ -66,8 +68,8 @@ GpStatus NewBitmap(std::int64_t width, std::int64_t height, PixelFormat format, 
     *out = nullptr;
     if (width <= 0 || height <= 0) return InvalidParameter;
     if (width > kMaxSide || height > kMaxSide) return OutOfMemory;
-    std::int64_t rowBytes = (width * GetPixelFormatSize(format) + 31) / 32 * 4;
-    if (rowBytes * height > kMaxPixelBytes) return OutOfMemory;
+    const std::int64_t rowBytes = (width * GetPixelFormatSize(format) + 31) / 32 * 4;
+    if (!DecodeSizeAllowed(width, height) || rowBytes > INT32_MAX) return OutOfMemory;
     return GdipCreateBitmapFromScan0(static_cast<INT>(width), static_cast<INT>(height), 0, format,
                                      nullptr, out);
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/DecodeLimits.h"
 #include "platform/linux/engine/EngineImage.h"
 
 namespace kestrelyn::codecs {
@@ -14,7 +15,9 @@ namespace kestrelyn::codecs {
 using Bytes = std::vector<std::uint8_t>;
 using SharedBytes = std::shared_ptr<const Bytes>;
 
-// Upper bounds for what a declared image size may ask of memory.
+// Upper bounds for what a declared image size may ask of memory: a side, and
+// one allocation of a third-party library. The pixel count of a decoded
+// image is bounded by the decode pixel limit (platform/DecodeLimits.h).
 inline constexpr std::int64_t kMaxSide = 1 << 20;
 inline constexpr std::int64_t kMaxPixelBytes = std::int64_t{1} << 31;
 
@@ -24,8 +27,8 @@ GpStatus ReadFileBytes(const std::string& path, Bytes& out);
 GpStatus ReadStreamBytes(Stream& stream, Bytes& out);
 
 // Makes an engine-owned bitmap of the given size and format after checking the
-// size against the limits (OutOfMemory for absurd sizes, InvalidParameter for
-// zero sizes).
+// size against the limits (OutOfMemory above the decode pixel limit or for
+// absurd sizes, InvalidParameter for zero sizes).
 GpStatus NewBitmap(std::int64_t width, std::int64_t height, PixelFormat format, GpImage** out);
 
 // Frees a bitmap on scope exit unless released.

@@ -5,6 +5,7 @@
 #include <map>
 #include <mutex>
 
+#include "platform/SafeFile.h"
 #include "platform/linux/engine/codecs/CodecCommon.h"
 #include "platform/linux/engine/codecs/TiffCodec.h"
 
@@ -83,11 +84,7 @@ GpStatus Deliver(const Destination& d, const Bytes& bytes) {
     if (d.stream) {
         return d.stream->Write(bytes.data(), bytes.size()) == bytes.size() ? OK : Win32Error;
     }
-    std::FILE* f = std::fopen(d.path.c_str(), "wb");
-    if (!f) return Win32Error;
-    bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-    ok = (std::fclose(f) == 0) && ok;
-    return ok ? OK : Win32Error;
+    return WriteBytesSafely(d.path, bytes.data(), bytes.size()) ? OK : Win32Error;
 }
 
 // A file written as the encoder goes, through a 1 MiB buffer.
@@ -102,9 +99,9 @@ class FileSink final : public codecs::ByteSink {
     std::FILE* f_;
 };
 
-// Runs an encoder that writes as it goes. A file is written in place and
-// removed when the encoder fails; a stream gets the bytes only when the
-// encoder succeeded.
+// Runs an encoder that writes as it goes. A file is written beside its
+// target and put in place only when the encoder succeeded; a stream gets the
+// bytes only when the encoder succeeded.
 template <class Encode> GpStatus EncodeTo(const Destination& d, Encode encode) {
     if (d.stream) {
         Bytes bytes;
@@ -112,7 +109,9 @@ template <class Encode> GpStatus EncodeTo(const Destination& d, Encode encode) {
         GpStatus st = encode(sink);
         return st == OK ? Deliver(d, bytes) : st;
     }
-    std::FILE* f = std::fopen(d.path.c_str(), "wb");
+    SafeFile file;
+    if (!file.Begin(d.path)) return Win32Error;
+    std::FILE* f = std::fopen(file.TempPath().c_str(), "wb");
     if (!f) return Win32Error;
     GpStatus st;
     {
@@ -121,12 +120,11 @@ template <class Encode> GpStatus EncodeTo(const Destination& d, Encode encode) {
             st = encode(sink);
         } catch (...) {
             std::fclose(f);
-            std::remove(d.path.c_str());
             throw;
         }
     }
     if (std::fclose(f) != 0 && st == OK) st = Win32Error;
-    if (st != OK) std::remove(d.path.c_str());
+    if (st == OK && !file.Commit()) st = Win32Error;
     return st;
 }
 

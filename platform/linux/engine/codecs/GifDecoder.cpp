@@ -15,6 +15,7 @@
 #include <unordered_map>
 
 #include "platform/linux/engine/codecs/CodecCommon.h"
+#include "platform/linux/engine/codecs/GifRows.h"
 
 namespace kestrelyn::codecs {
 
@@ -38,6 +39,7 @@ struct GifDoc {
     SharedBytes bytes;
     MemIn in{};
     GifFileType* gif = nullptr;
+    std::vector<gifrows::FrameRows> frames;
     std::vector<std::uint32_t> delays;
     std::vector<int> disposal;
     std::vector<int> transparent;
@@ -59,29 +61,12 @@ struct GifDoc {
         gif = DGifOpen(&in, ReadFn, &err);
         if (!gif) return UnknownImageFormat;
         if (gif->SWidth <= 0 || gif->SHeight <= 0) return UnknownImageFormat;
-        if (static_cast<std::int64_t>(gif->SWidth) * gif->SHeight * 4 > kMaxPixelBytes)
-            return OutOfMemory;
-        if (DGifSlurp(gif) != GIF_OK && gif->ImageCount == 0) return UnknownImageFormat;
-        if (gif->ImageCount <= 0) return UnknownImageFormat;
-        // A cut file keeps the frames that arrived whole.
-        int count = gif->ImageCount;
-        for (int i = 0; i < count; ++i)
-            if (!gif->SavedImages[i].RasterBits) {
-                count = i;
-                break;
-            }
-        if (count == 0) return UnknownImageFormat;
-        // giflib frees only the first ImageCount records on close: release
-        // what the dropped ones own (local colour table, extensions, pixels).
-        for (int i = count; i < gif->ImageCount; ++i) {
-            SavedImage& dropped = gif->SavedImages[i];
-            GifFreeMapObject(dropped.ImageDesc.ColorMap);
-            dropped.ImageDesc.ColorMap = nullptr;
-            GifFreeExtensions(&dropped.ExtensionBlockCount, &dropped.ExtensionBlocks);
-            std::free(dropped.RasterBits);
-            dropped.RasterBits = nullptr;
-        }
-        gif->ImageCount = count;
+        if (!DecodeSizeAllowed(gif->SWidth, gif->SHeight)) return OutOfMemory;
+        // A cut file keeps the frames that arrived, the last one with the
+        // rows that arrived whole.
+        frames = gifrows::ReadFrames(gif);
+        const int count = gif->ImageCount;
+        if (count <= 0) return UnknownImageFormat;
         for (int i = 0; i < count; ++i) {
             GraphicsControlBlock gcb{};
             gcb.TransparentColor = NO_TRANSPARENT_COLOR;
@@ -181,21 +166,20 @@ class GifFrames final : public engine::FrameSource {
         return static_cast<std::size_t>(y) * static_cast<std::size_t>(doc_->gif->SWidth) +
                static_cast<std::size_t>(x);
     }
+    // Rows the file did not supply leave the screen as it was.
     void Draw(int i) {
         if (doc_->disposal[static_cast<std::size_t>(i)] == DISPOSE_PREVIOUS)
             previous_ = canvas_;
         else
             previous_.clear();
-        const SavedImage& s = doc_->gif->SavedImages[i];
+        const gifrows::FrameRows& f = doc_->frames[static_cast<std::size_t>(i)];
         const ColorMapObject* map = Map(i);
         int trans = doc_->transparent[static_cast<std::size_t>(i)];
-        Rect r = Clip(i);
-        const int fw = s.ImageDesc.Width;
-        for (int y = r.y0; y < r.y1; ++y) {
-            const GifByteType* src = s.RasterBits + static_cast<std::size_t>(y - s.ImageDesc.Top) *
-                                                        static_cast<std::size_t>(fw);
-            for (int x = r.x0; x < r.x1; ++x) {
-                int v = src[x - s.ImageDesc.Left];
+        for (int y = f.y0; y < f.y1; ++y) {
+            const std::uint8_t* src = f.Row(y);
+            if (!src) continue;
+            for (int x = f.x0; x < f.x1; ++x) {
+                int v = src[x - f.x0];
                 if (v == trans) continue;
                 ARGB c = 0xff000000u;
                 if (map && v < map->ColorCount)

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 
+#include "platform/SafeFile.h"
 #include "platform/linux/engine/codecs/CodecCommon.h"
 
 namespace kestrelyn {
@@ -60,14 +61,10 @@ GpStatus GdipTransformJpegFile(GpImage* image, const std::string& sourceFile,
         if (out) tjFree(out);
         return InvalidParameter;
     }
-    std::FILE* f = std::fopen(destFile.c_str(), "wb");
-    bool ok = f != nullptr;
-    if (f) {
-        ok = std::fwrite(out, 1, outSize, f) == outSize;
-        ok = (std::fclose(f) == 0) && ok;
-    }
+    // The result replaces the destination only when written whole (the
+    // destination may be the source itself).
+    const bool ok = WriteBytesSafely(destFile, out, outSize);
     tjFree(out);
-    if (!ok) std::remove(destFile.c_str());
     return ok ? OK : Win32Error;
 }
 

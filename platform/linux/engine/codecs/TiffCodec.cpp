@@ -35,6 +35,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/SafeFile.h"
 #include "platform/linux/engine/codecs/CodecCommon.h"
 #include "platform/linux/engine/codecs/TiffCodec.h"
 
@@ -251,6 +252,26 @@ GpStatus ReadSamples(TIFF* tif, std::uint32_t w, std::uint32_t h, Sink&& sink) {
     std::uint32_t rps = h;
     TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &rps);
     if (rps == 0 || rps > h) rps = h;
+    // A strip of many megabytes (a whole page in one strip, as fax pages are
+    // stored) is decoded row by row, so the page never sits in memory twice.
+    constexpr std::size_t kLargeStrip = std::size_t{16} << 20;
+    std::uint16_t compression = COMPRESSION_NONE;
+    TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression);
+    if (static_cast<std::size_t>(rps) * rowBytes > kLargeStrip && compression != COMPRESSION_JPEG &&
+        compression != COMPRESSION_OJPEG) {
+        std::vector<std::uint8_t> row(rowBytes, 0);
+        std::uint32_t y = 0;
+        for (; y < h; ++y) {
+            if (TIFFReadScanline(tif, row.data(), y, 0) < 0) break;
+            sink(y, row.data());
+        }
+        if (y == 0) return UnknownImageFormat;
+        // Rows after a damaged one stay blank.
+        std::fill(row.begin(), row.end(), 0);
+        for (; y < h; ++y)
+            sink(y, row.data());
+        return OK;
+    }
     std::uint32_t strips = TIFFNumberOfStrips(tif);
     std::vector<std::uint8_t> strip(static_cast<std::size_t>(rps) * rowBytes);
     std::uint32_t y = 0;
@@ -295,8 +316,7 @@ GpStatus DecodePage(TiffDoc& doc, UINT index, GpImage** out) {
     TIFFGetField(tif, TIFFTAG_EXTRASAMPLES, &extraCount, &extra);
     bool associated = extraCount > 0 && extra && extra[0] == EXTRASAMPLE_ASSOCALPHA;
     if (w == 0 || h == 0) return UnknownImageFormat;
-    if (w > kMaxSide || h > kMaxSide || static_cast<std::int64_t>(w) * h * 8 > kMaxPixelBytes)
-        return OutOfMemory;
+    if (w > kMaxSide || h > kMaxSide || !DecodeSizeAllowed(w, h)) return OutOfMemory;
     if (photo == PHOTOMETRIC_YCBCR && compression == COMPRESSION_JPEG) {
         TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
         photo = PHOTOMETRIC_RGB;
@@ -346,6 +366,8 @@ GpStatus DecodePage(TiffDoc& doc, UINT index, GpImage** out) {
     BitmapHolder img(raw);
     UINT flags = ImageFlagsHasRealPixelSize;
     if (path == Path::Generic) {
+        // libtiff's RGBA reader needs the whole picture at 32 bits at once.
+        if (static_cast<std::int64_t>(w) * h * 4 > kMaxPixelBytes) return OutOfMemory;
         char msg[1024];
         if (!TIFFRGBAImageOK(tif, msg)) return UnknownImageFormat;
         std::vector<std::uint32_t> rgba(static_cast<std::size_t>(w) * h);
@@ -823,7 +845,9 @@ struct TiffWriter::Impl {
     Bytes bytes;
     MemFile file;
     TIFF* tif = nullptr;
-    bool opened = false; // a file at `path` was created
+    SafeFile output;     // with a path: the file libtiff writes, beside the target
+    bool opened = false; // the output was begun
+    bool failed = false; // a page failed part-written: the file must not be kept
 };
 
 TiffWriter::TiffWriter(std::string path) : impl_(std::make_unique<Impl>()) {
@@ -842,14 +866,23 @@ GpStatus TiffWriter::Add(GpImage* image, const EncoderParameters* params) {
             impl_->tif = OpenMem(&impl_->file, "w");
             if (!impl_->tif) return GenericError;
         } else {
-            impl_->tif = OpenPath(impl_->path);
-            if (!impl_->tif) return Win32Error;
+            if (!impl_->output.Begin(impl_->path)) return Win32Error;
             impl_->opened = true;
+            impl_->tif = OpenPath(impl_->output.TempPath());
+            if (!impl_->tif) {
+                impl_->output.Abandon();
+                return Win32Error;
+            }
         }
     }
+    // A page refused before any write (a bad depth, an image that cannot be
+    // locked) leaves the file sound; one that failed writing does not.
     try {
-        return WritePage(impl_->tif, image, params);
+        const GpStatus st = WritePage(impl_->tif, image, params);
+        if (st == GenericError) impl_->failed = true;
+        return st;
     } catch (const std::bad_alloc&) {
+        impl_->failed = true;
         return OutOfMemory;
     }
 }
@@ -859,10 +892,12 @@ GpStatus TiffWriter::Finish(Bytes& out) {
     TIFF* tif = impl_->tif;
     impl_->tif = nullptr;
     if (!impl_->path.empty()) {
-        // Closing writes what is pending; a file that could not be completed goes.
+        // Closing writes what is pending; the file replaces the target only
+        // when every page and the flush succeeded.
         bool ok = TIFFFlush(tif) != 0;
         TIFFClose(tif);
-        if (!ok) std::remove(impl_->path.c_str());
+        ok = ok && !impl_->failed && impl_->output.Commit();
+        if (!ok) impl_->output.Abandon();
         return ok ? OK : Win32Error;
     }
     TIFFClose(tif);
@@ -873,7 +908,7 @@ GpStatus TiffWriter::Finish(Bytes& out) {
 void TiffWriter::Abandon() {
     if (impl_->tif) TIFFClose(impl_->tif);
     impl_->tif = nullptr;
-    if (impl_->opened) std::remove(impl_->path.c_str());
+    impl_->output.Abandon();
     impl_->opened = false;
 }
 
