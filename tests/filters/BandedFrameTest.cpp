@@ -9,6 +9,7 @@
 #include "FilterTestSupport.h"
 #include "core/modMain.h"
 #include "platform/modGdiPlus.h"
+#include "support/ProcessMemory.h"
 #include "support/RegistryImages.h"
 
 using namespace kestrelyn;
@@ -81,30 +82,8 @@ std::vector<std::uint8_t> Filtered(PixelFormat f, const PointRun& r, const Filte
     return rows;
 }
 
-// The process's resident and peak resident memory in kB.
-long StatusKb(const char* key) {
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    const std::string k = std::string(key) + ":";
-    while (std::getline(in, line))
-        if (line.rfind(k, 0) == 0) return std::stol(line.substr(k.size()));
-    return -1;
-}
-
-bool UnderSanitizer() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) ||                         \
-    __has_feature(memory_sanitizer)
-    return true;
-#else
-    return false;
-#endif
-#else
-    return false;
-#endif
-}
+using ::kestrelyn::test::StatusKb;
+using ::kestrelyn::test::UnderSanitizer;
 
 // Resets the peak resident figure of the process (Linux 4.0 and later).
 bool ResetPeak() {

@@ -10,6 +10,7 @@
 #include "core/modMain.h"
 #include "kestrelyn/Imaging.h"
 #include "platform/modGdiPlus.h"
+#include "support/ProcessMemory.h"
 
 namespace kestrelyn::test {
 namespace {
@@ -54,29 +55,8 @@ void GraphicsClear(GpImage* img, ARGB colour) {
     EXPECT_EQ(GdipDeleteGraphics(g), OK);
 }
 
-long StatusKb(const char* key) {
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    const std::string k = std::string(key) + ":";
-    while (std::getline(in, line))
-        if (line.rfind(k, 0) == 0) return std::stol(line.substr(k.size()));
-    return -1;
-}
-
-bool UnderSanitizer() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) ||                         \
-    __has_feature(memory_sanitizer)
-    return true;
-#else
-    return false;
-#endif
-#else
-    return false;
-#endif
-}
+using ::kestrelyn::test::StatusKb;
+using ::kestrelyn::test::UnderSanitizer;
 
 // Peak memory, in kB above the resident memory before, of one call.
 template <class F> long PeakOf(F&& f) {
